@@ -1,0 +1,120 @@
+#include "FileHandlerFaults.h"
+
+namespace {
+std::string Text(const unsigned char* bytes) {
+    return bytes != nullptr ? reinterpret_cast<const char*>(bytes) : "";
+}
+}  // namespace
+
+CFileHandlerFaults::CFileHandlerFaults(IFileHandlerBackend& inner)
+    : m_inner(inner), m_previous(IFileHandler::SetBackend(this)) {}
+
+CFileHandlerFaults::~CFileHandlerFaults() { IFileHandler::SetBackend(m_previous); }
+
+void CFileHandlerFaults::FailWith(const std::string& operation, int result,
+                                  const std::string& pathPart) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_failures.emplace(operation, std::make_pair(pathPart, result));
+}
+
+void CFileHandlerFaults::FailOpen(const std::string& pathPart) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_failedOpens.push_back(pathPart);
+}
+
+void CFileHandlerFaults::LimitWrites(std::size_t maximumItems) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_writeLimit = maximumItems;
+}
+
+bool CFileHandlerFaults::Forced(const std::string& operation, const unsigned char* path,
+                                int& result) const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    const auto [first, last] = m_failures.equal_range(operation);
+    for (auto it = first; it != last; ++it) {
+        if (Text(path).find(it->second.first) != std::string::npos) {
+            result = it->second.second;
+            return true;
+        }
+    }
+    return false;
+}
+
+int CFileHandlerFaults::FileExists(const unsigned char* path) {
+    int result = 0;
+    return Forced("FileExists", path, result) ? result : m_inner.FileExists(path);
+}
+
+int CFileHandlerFaults::FolderExists(const unsigned char* path) {
+    int result = 0;
+    return Forced("FolderExists", path, result) ? result : m_inner.FolderExists(path);
+}
+
+int CFileHandlerFaults::MakeFolder(const unsigned char* path) {
+    int result = 0;
+    return Forced("MakeFolder", path, result) ? result : m_inner.MakeFolder(path);
+}
+
+int CFileHandlerFaults::CopyFile(const unsigned char* source, const unsigned char* destination) {
+    int result = 0;
+    return Forced("CopyFile", source, result) ? result : m_inner.CopyFile(source, destination);
+}
+
+int CFileHandlerFaults::RemoveFile(const unsigned char* path) {
+    int result = 0;
+    return Forced("RemoveFile", path, result) ? result : m_inner.RemoveFile(path);
+}
+
+int CFileHandlerFaults::FileSize(const unsigned char* path) {
+    int result = 0;
+    return Forced("FileSize", path, result) ? result : m_inner.FileSize(path);
+}
+
+FILE* CFileHandlerFaults::FOpen(const unsigned char* path, const char* mode) {
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        for (const std::string& part : m_failedOpens) {
+            if (Text(path).find(part) != std::string::npos) {
+                return nullptr;
+            }
+        }
+    }
+    return m_inner.FOpen(path, mode);
+}
+
+std::size_t CFileHandlerFaults::FRead(void* buffer, std::size_t size, std::size_t count,
+                                      FILE* file) {
+    return m_inner.FRead(buffer, size, count, file);
+}
+
+std::size_t CFileHandlerFaults::FWrite(const void* data, std::size_t size, std::size_t count,
+                                       FILE* file) {
+    std::size_t limit = 0;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        limit = m_writeLimit;
+    }
+    return m_inner.FWrite(data, size, count < limit ? count : limit, file);
+}
+
+char* CFileHandlerFaults::FGets(char* buffer, int size, FILE* file) {
+    return m_inner.FGets(buffer, size, file);
+}
+
+int CFileHandlerFaults::FClose(FILE* file) { return m_inner.FClose(file); }
+
+int CFileHandlerFaults::Mount(const unsigned char* device, const unsigned char* mountPoint,
+                              IFileHandler::TFileSystemFormat format) {
+    int result = 0;
+    return Forced("Mount", device, result) ? result : m_inner.Mount(device, mountPoint, format);
+}
+
+int CFileHandlerFaults::Umount(const unsigned char* mountPoint) {
+    int result = 0;
+    return Forced("Umount", mountPoint, result) ? result : m_inner.Umount(mountPoint);
+}
+
+int CFileHandlerFaults::Sync() {
+    int result = 0;
+    return Forced("Sync", nullptr, result) ? result : m_inner.Sync();
+}
