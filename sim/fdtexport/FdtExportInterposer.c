@@ -46,10 +46,14 @@ static const struct {
     const char* name;
     TFdtExportKind kind;
 } kKindNames[] = {
-    {"passthrough", eFdtExportPassThrough}, {"chardev", eFdtExportCharDevice},
-    {"missing", eFdtExportMissing},         {"regular", eFdtExportRegular},
-    {"directory", eFdtExportDirectory},     {"unopenable", eFdtExportUnopenable},
-    {"empty", eFdtExportEmpty},             {"unseekable", eFdtExportUnseekable},
+    {"passthrough", eFdtExportPassThrough},
+    {"chardev", eFdtExportCharDevice},
+    {"missing", eFdtExportMissing},
+    {"regular", eFdtExportRegular},
+    {"directory", eFdtExportDirectory},
+    {"unopenable", eFdtExportUnopenable},
+    {"empty", eFdtExportEmpty},
+    {"unseekable", eFdtExportUnseekable},
     {"unmappable", eFdtExportUnmappable},
 };
 
