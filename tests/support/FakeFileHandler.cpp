@@ -45,6 +45,13 @@ void CFakeFileHandler::AddStorageFile(const std::string& device, const std::stri
     m_storages[device][relativePath] = content;
 }
 
+void CFakeFileHandler::AddStorageFolder(const std::string& device,
+                                        const std::string& relativePath) {
+    std::lock_guard<std::recursive_mutex> lock(m_mutex);
+    AddStorage(device);
+    m_storageFolders[device].insert(relativePath);
+}
+
 bool CFakeFileHandler::HasFile(const std::string& path) const {
     std::lock_guard<std::recursive_mutex> lock(m_mutex);
     std::string key;

@@ -29,6 +29,8 @@ public:
     // A file on `device`'s storage, `relativePath` below its root ("revision.txt", "update/a").
     void AddStorageFile(const std::string& device, const std::string& relativePath,
                         const std::string& content);
+    // A folder on `device`'s storage, `relativePath` below its root ("update").
+    void AddStorageFolder(const std::string& device, const std::string& relativePath);
     bool HasFile(const std::string& path) const;  // as the plug-in would see it now
     std::string FileContent(const std::string& path) const;
     bool HasStorageFile(const std::string& device, const std::string& relativePath) const;

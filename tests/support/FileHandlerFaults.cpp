@@ -27,6 +27,11 @@ void CFileHandlerFaults::LimitWrites(std::size_t maximumItems) {
     m_writeLimit = maximumItems;
 }
 
+std::vector<std::string> CFileHandlerFaults::ForcedCalls() const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_forcedCalls;
+}
+
 bool CFileHandlerFaults::Forced(const std::string& operation, const unsigned char* path,
                                 int& result) const {
     std::lock_guard<std::mutex> lock(m_mutex);
@@ -34,6 +39,8 @@ bool CFileHandlerFaults::Forced(const std::string& operation, const unsigned cha
     for (auto it = first; it != last; ++it) {
         if (Text(path).find(it->second.first) != std::string::npos) {
             result = it->second.second;
+            m_forcedCalls.push_back(operation + (path != nullptr ? " " + Text(path) : "") + " -> " +
+                                    std::to_string(result));
             return true;
         }
     }
@@ -75,6 +82,7 @@ FILE* CFileHandlerFaults::FOpen(const unsigned char* path, const char* mode) {
         std::lock_guard<std::mutex> lock(m_mutex);
         for (const std::string& part : m_failedOpens) {
             if (Text(path).find(part) != std::string::npos) {
+                m_forcedCalls.push_back("FOpen " + Text(path) + " " + mode + " -> null");
                 return nullptr;
             }
         }

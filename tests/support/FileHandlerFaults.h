@@ -29,6 +29,9 @@ public:
     void FailWith(const std::string& operation, int result, const std::string& pathPart = "");
     void FailOpen(const std::string& pathPart);
     void LimitWrites(std::size_t maximumItems);
+    // The calls answered here without reaching the inner backend, in order, each as
+    // "<operation> <path> -> <result>" ("Umount /mnt/flash -> 1", "FOpen /mnt/x w -> null").
+    std::vector<std::string> ForcedCalls() const;
 
     int FileExists(const unsigned char* path) override;
     int FolderExists(const unsigned char* path) override;
@@ -56,4 +59,5 @@ private:
     std::multimap<std::string, std::pair<std::string, int>> m_failures;  // op -> {part, result}
     std::vector<std::string> m_failedOpens;
     std::size_t m_writeLimit = static_cast<std::size_t>(-1);
+    mutable std::vector<std::string> m_forcedCalls;
 };
