@@ -1,0 +1,57 @@
+#include "FlashFile.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace {
+constexpr size_t kFlushThreshold = 64 * 1024;
+}
+
+TStatus CFlashFile::Open(const std::string& path) {
+    m_path = path;
+    m_file.Reset(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+    if (!m_file.Valid()) {
+        return TStatus::Failure("opening the flash file " + path + ": " + std::strerror(errno));
+    }
+    return TStatus::Success();
+}
+
+void CFlashFile::BeginProgramming(uint32_t, uint32_t) {
+    m_pending.clear();
+    m_digest = CSha256();
+    if (m_failure.Ok() &&
+        (::ftruncate(m_file.Get(), 0) != 0 || ::lseek(m_file.Get(), 0, SEEK_SET) != 0)) {
+        m_failure =
+            TStatus::Failure("emptying the flash file " + m_path + ": " + std::strerror(errno));
+    }
+}
+
+void CFlashFile::Program(const uint8_t* data, size_t count) {
+    m_digest.Update(data, count);
+    m_pending.insert(m_pending.end(), data, data + count);
+    if (m_pending.size() >= kFlushThreshold) {
+        (void)Flush();
+    }
+}
+
+TStatus CFlashFile::Flush() {
+    size_t written = 0;
+    while (m_failure.Ok() && written < m_pending.size()) {
+        const ssize_t result =
+            ::write(m_file.Get(), m_pending.data() + written, m_pending.size() - written);
+        if (result < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            m_failure =
+                TStatus::Failure("writing the flash file " + m_path + ": " + std::strerror(errno));
+            break;
+        }
+        written += static_cast<size_t>(result);
+    }
+    m_pending.clear();
+    return m_failure;
+}

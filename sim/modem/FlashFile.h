@@ -1,0 +1,34 @@
+#pragma once
+// The emulated modem's flash, kept in a file ("--flash-out") so that a test can compare it with
+// the firmware it sent, byte for byte. Programmed bytes are buffered and reach the file on
+// Flush(), which the emulator calls after every batch it received. Also keeps the SHA-256 of
+// what the current write programmed.
+
+#include <string>
+#include <vector>
+
+#include "FileDescriptor.h"
+#include "FlashMemory.h"
+#include "Sha256.h"
+#include "Status.h"
+
+class CFlashFile : public IFlashMemory {
+public:
+    // Creates or empties the file.
+    [[nodiscard]] TStatus Open(const std::string& path);
+
+    void BeginProgramming(uint32_t address, uint32_t length) override;
+    void Program(const uint8_t* data, size_t count) override;
+
+    // Writes what is buffered; the first failure sticks.
+    [[nodiscard]] TStatus Flush();
+
+    std::string Sha256() const { return m_digest.HexDigest(); }
+
+private:
+    std::string m_path;
+    CFileDescriptor m_file;
+    std::vector<uint8_t> m_pending;
+    CSha256 m_digest;
+    TStatus m_failure;
+};
