@@ -1,0 +1,206 @@
+// modemloader-host: loads a feature plug-in and acts as its update controller.
+// See docs/modemloader-host.md and `modemloader-host --help`.
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <exception>
+#include <memory>
+#include <string>
+
+#include "CommandLine.h"
+#include "ConsoleLog.h"
+#include "HostConfig.h"
+#include "IniProperties.h"
+#include "LinuxCmdHandler.h"
+#include "LinuxEventBroker.h"
+#include "LinuxFileHandler.h"
+#include "LinuxSerialPortFactory.h"
+#include "PluginLibrary.h"
+#include "ProgressDisplay.h"
+#include "Trace.h"
+#include "TracingCmdHandler.h"
+#include "TracingEventBroker.h"
+#include "TracingFileHandler.h"
+#include "TracingLog.h"
+#include "UpdateController.h"
+
+namespace {
+constexpr char kProgram[] = "modemloader-host";
+constexpr char kExpectedFeatureType[] = "modemloader";
+
+int HostError(const std::string& message) {
+    std::fprintf(stderr, "%s: %s\n", kProgram, message.c_str());
+    return CUpdateController::eHostError;
+}
+
+void ReportError(const std::string& message) {
+    std::fprintf(stderr, "%s: %s\n", kProgram, message.c_str());
+}
+
+// Installs a backend of a static host service for the life of this object, then puts back the
+// one that was there, so nothing is left pointing at a destroyed backend.
+template <typename TBackend, TBackend* (*Exchange)(TBackend*)>
+class CInstalled {
+public:
+    explicit CInstalled(TBackend* backend) : m_previous(Exchange(backend)) {}
+    ~CInstalled() { Exchange(m_previous); }
+    CInstalled(const CInstalled&) = delete;
+    CInstalled& operator=(const CInstalled&) = delete;
+
+private:
+    TBackend* m_previous;
+};
+using CInstalledFileHandler = CInstalled<IFileHandlerBackend, &IFileHandler::SetBackend>;
+using CInstalledCmdHandler = CInstalled<ICmdHandlerBackend, &ICmdHandler::SetBackend>;
+using CInstalledSerialPorts = CInstalled<ISerialPortFactory, &ISerialPortFactory::SetFactory>;
+using CInstalledLog = CInstalled<logging::internals::ILog, &logging::IControl::SetLog>;
+
+CStatus LoadFeaturePlugin(const std::string& path, std::unique_ptr<CPluginLibrary>& plugin) {
+    if (CStatus status = CPluginLibrary::Open(path, plugin); !status) {
+        return status;
+    }
+    const std::string type = plugin->FeatureType();
+    if (type != kExpectedFeatureType) {
+        plugin.reset();
+        return CStatus::Failure("plug-in " + path + ": a feature of type '" + type + "', not '" +
+                                kExpectedFeatureType + "'");
+    }
+    return CStatus::Ok();
+}
+
+int Info(const THostOptions& options) {
+    std::unique_ptr<CPluginLibrary> plugin;
+    if (CStatus status = CPluginLibrary::Open(*options.pluginPath, plugin); !status) {
+        return HostError(status.Message());
+    }
+    std::printf("plugin: %s\nfeature type: %s\nentry points: %s, %s\n", plugin->Path().c_str(),
+                plugin->FeatureType().c_str(), kFeatureTypeSymbol, kFeatureCreate2Symbol);
+    return plugin->FeatureType() == kExpectedFeatureType ? 0 : CUpdateController::eHostError;
+}
+
+class CNoInterfaces : public IInterfaceBroker {};
+
+int Update(const THostOptions& options) {
+    CIniProperties properties;
+    if (CStatus status = properties.Load(options.configPath); !status) {
+        return HostError("configuration " + status.Message());
+    }
+    THostConfig config;
+    if (CStatus status = CHostConfig::Read(properties, options.configPath, config); !status) {
+        return HostError("configuration " + status.Message());
+    }
+    if (options.pluginPath) {
+        config.pluginPath = *options.pluginPath;
+    }
+    if (options.feature) {
+        config.feature = *options.feature;
+    }
+    if (options.tickMs) {
+        config.tickMs = *options.tickMs;
+    }
+    if (config.pluginPath.empty()) {
+        return HostError("no plug-in: give --plugin PATH or [host] plugin in " +
+                         options.configPath);
+    }
+    if (config.feature.empty() || config.feature.size() >= kControllerNameSize) {
+        return HostError("feature name '" + config.feature + "' must have 1 to " +
+                         std::to_string(kControllerNameSize - 1) + " characters");
+    }
+
+    CTrace trace;
+    if (!options.tracePath.empty()) {
+        if (CStatus status = trace.Open(options.tracePath); !status) {
+            return HostError(status.Message());
+        }
+    }
+    const bool toStderr = config.log == THostConfig::TLogTarget::eStderr ||
+                          config.log == THostConfig::TLogTarget::eBoth;
+    const bool toSyslog = config.log == THostConfig::TLogTarget::eSyslog ||
+                          config.log == THostConfig::TLogTarget::eBoth;
+    std::unique_ptr<CConsoleLog> console;
+    if (toStderr || toSyslog) {
+        console = std::make_unique<CConsoleLog>(toStderr ? stderr : nullptr, toSyslog);
+    }
+    CTracingLog log(trace, console.get());
+    CInstalledLog installedLog(&log);
+
+    CLinuxFileHandler fileHandler(config.fsTypes);
+    CTracingFileHandler tracingFileHandler(fileHandler, trace);
+    CInstalledFileHandler installedFileHandler(&tracingFileHandler);
+    CLinuxCmdHandler cmdHandler;
+    CTracingCmdHandler tracingCmdHandler(cmdHandler, trace);
+    CInstalledCmdHandler installedCmdHandler(&tracingCmdHandler);
+    CLinuxSerialPortFactory serialPorts(std::chrono::milliseconds(config.serialReadTimeoutMs),
+                                        &ReportError);
+    CInstalledSerialPorts installedSerialPorts(&serialPorts);
+
+    std::unique_ptr<CPluginLibrary> plugin;
+    if (CStatus status = LoadFeaturePlugin(config.pluginPath, plugin); !status) {
+        return HostError(status.Message());
+    }
+
+    CEventBroker broker(std::chrono::milliseconds(config.tickMs), &ReportError);
+    if (CStatus status = broker.Start(); !status) {
+        return HostError(status.Message());
+    }
+    CTracingEventBroker featureBroker(broker, trace);
+    const CProgressDisplay::TMode mode = options.quiet ? CProgressDisplay::TMode::eQuiet
+                                         : ::isatty(STDOUT_FILENO) == 1
+                                             ? CProgressDisplay::TMode::eTerminal
+                                             : CProgressDisplay::TMode::ePlain;
+    CProgressDisplay progress(stdout, mode, config.feature);
+    CUpdateController controller(broker, config.feature, trace, progress);
+
+    CNoInterfaces interfaces;
+    std::unique_ptr<IFeatureModule2> module(
+        plugin->Create(config.feature, interfaces, featureBroker, properties));
+    if (!module) {
+        return HostError("plug-in " + config.pluginPath + ": FeatureCreate2 made no module");
+    }
+
+    CUpdateController::TSettings settings;
+    settings.timeout = std::chrono::duration<double>(options.timeoutSeconds);
+    if (options.abortAfterMs) {
+        settings.abortAfter = std::chrono::milliseconds(*options.abortAfterMs);
+    }
+    std::string summary;
+    const CUpdateController::TExitCode result = controller.Run(settings, summary);
+
+    // No delivery may run while the module goes, and none after: the module leaves its Init
+    // subscription behind on purpose, so the broker must be stopped before the module is deleted.
+    broker.Stop();
+    module.reset();
+
+    if (result == CUpdateController::eTimedOut) {
+        progress.Finish(summary);
+        ReportError(summary);
+    } else {
+        progress.Finish(summary);
+    }
+    return result;
+}
+}  // namespace
+
+int main(int argc, char** argv) {
+    try {
+        THostOptions options;
+        if (CStatus status = CCommandLine::Parse(argc, argv, options); !status) {
+            std::fprintf(stderr, "%s: %s\n%s", kProgram, status.Message().c_str(),
+                         CCommandLine::Usage());
+            return CUpdateController::eHostError;
+        }
+        switch (options.command) {
+            case THostOptions::TCommand::eHelp:
+                std::fputs(CCommandLine::Usage(), stdout);
+                return 0;
+            case THostOptions::TCommand::eInfo:
+                return Info(options);
+            case THostOptions::TCommand::eUpdate:
+                return Update(options);
+        }
+    } catch (const std::exception& exception) {
+        return HostError(std::string("internal error: ") + exception.what());
+    }
+    return CUpdateController::eHostError;
+}
