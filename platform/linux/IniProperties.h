@@ -5,9 +5,10 @@
 //   mountpoint = /mnt/movinand
 //
 // Keys and section names are taken exactly as written (case matters, as the features look their
-// keys up byte for byte); surrounding blanks are trimmed, ";" and "#" start comments. A key that
-// appears twice in a section keeps its last value. Loaded once, then read-only: GetProperty may
-// be called from any thread.
+// keys up byte for byte); surrounding blanks are trimmed, ";" and "#" start comments (";" also
+// after a value, following a blank). A line that begins with blanks continues the value above. A
+// key that appears twice in a section keeps its last value. Loaded once, then read-only:
+// GetProperty may be called from any thread.
 
 #include <map>
 #include <string>
@@ -21,7 +22,7 @@ public:
     using TSection = std::map<std::string, std::string>;
 
     // Reads `path`; a missing or unreadable file or a line that is not INI fails with the path
-    // and the line number in the message. On failure nothing is kept.
+    // and the line number in the message. On failure the properties stay as they were.
     [[nodiscard]] CStatus Load(const std::string& path);
     // The same from text in memory (`origin` names it in messages).
     [[nodiscard]] CStatus LoadText(const std::string& text, const std::string& origin);

@@ -155,6 +155,10 @@ int CLinuxSerialPort::Read(unsigned char* buffer, uint32_t length, uint32_t& got
     if (result < 0) {
         return errno == EAGAIN ? 0 : (errno != 0 ? errno : -1);
     }
+    if (result == 0) {
+        // Readable yet nothing to read: the other end of the line has gone (end of file).
+        return EIO;
+    }
     got = static_cast<uint32_t>(result);
     return 0;
 }
