@@ -1,0 +1,25 @@
+#pragma once
+// The host's end of the emulated serial line for a test: the pseudo-terminal's slave opened
+// through the emulator's link, raw at 115200 baud as the image loader opens it.
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "FileDescriptor.h"
+
+class CHostLine {
+public:
+    [[nodiscard]] bool Open(const std::string& path);
+
+    // Writes everything, waiting for room as long as `timeout` allows.
+    [[nodiscard]] bool Write(const std::vector<uint8_t>& bytes,
+                             std::chrono::milliseconds timeout = std::chrono::seconds(10));
+
+    // Up to `count` bytes, waiting at most `timeout` for them all; fewer on a time-out.
+    std::vector<uint8_t> Read(size_t count, std::chrono::milliseconds timeout);
+
+private:
+    CFileDescriptor m_line;
+};

@@ -1,0 +1,280 @@
+// modem-sim as the image loader meets it: a child process at the other end of a pseudo-terminal,
+// a control pin written through the shell and a ready file. The test plays the host.
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <nlohmann/json.hpp>
+#include <thread>
+
+#include "FileDescriptor.h"
+#include "HostLine.h"
+#include "Sha256.h"
+#include "SimProcess.h"
+#include "TemporaryDirectory.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using TBytes = std::vector<uint8_t>;
+
+const std::string kModemSim = MODEM_SIM_PATH;
+
+std::string ReadText(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+}
+
+void WriteBytes(const std::string& path, const TBytes& bytes) {
+    std::ofstream file(path, std::ios::binary | std::ios::trunc);
+    file.write(reinterpret_cast<const char*>(bytes.data()),
+               static_cast<std::streamsize>(bytes.size()));
+}
+
+// Polls `condition` every millisecond until it holds or `timeout` passes.
+bool Await(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() >= deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(1ms);
+    }
+    return true;
+}
+
+TBytes Pattern(size_t size, unsigned seed) {
+    TBytes bytes(size);
+    uint32_t state = seed;
+    for (auto& byte : bytes) {
+        state = state * 1103515245u + 12345u;
+        byte = static_cast<uint8_t>(state >> 16);
+    }
+    return bytes;
+}
+
+TBytes Range(uint8_t command, uint32_t length) {
+    return {command,
+            0x00,
+            0x00,
+            0x00,
+            0x90,
+            static_cast<uint8_t>(length),
+            static_cast<uint8_t>(length >> 8),
+            static_cast<uint8_t>(length >> 16),
+            static_cast<uint8_t>(length >> 24)};
+}
+
+class ModemSimProcessTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        CFileDescriptor terminal(::posix_openpt(O_RDWR | O_NOCTTY));
+        if (!terminal.Valid()) {
+            GTEST_SKIP() << "no pseudo-terminal available: /dev/ptmx cannot be opened";
+        }
+        ASSERT_TRUE(m_directory.Valid());
+        m_loader = Pattern(1000, 7);
+        m_loader[0] = 0xa5;  // the loader must not begin with the sync byte
+        WriteBytes(Path("loader.bin"), m_loader);
+    }
+
+    std::string Path(const std::string& name) const { return m_directory.Path(name); }
+
+    std::vector<std::string> Arguments(const std::vector<std::string>& extra) const {
+        std::vector<std::string> arguments = {"--link",           Path("ttyModem"),
+                                              "--control",        Path("control"),
+                                              "--ready",          Path("ready"),
+                                              "--loader",         Path("loader.bin"),
+                                              "--flash-out",      Path("flash.bin"),
+                                              "--summary",        Path("summary.json"),
+                                              "--trace",          Path("trace.txt"),
+                                              "--power-on-ms",    "20",
+                                              "--boot-window-ms", "1000",
+                                              "--erase-ms",       "30"};
+        arguments.insert(arguments.end(), extra.begin(), extra.end());
+        return arguments;
+    }
+
+    // Starts the emulator and opens the line once its link exists.
+    void StartModem(const std::vector<std::string>& extra = {}) {
+        ASSERT_TRUE(
+            m_modem.Start(kModemSim, Arguments(extra), Path("stdout.txt"), Path("stderr.txt")));
+        ASSERT_TRUE(Await([&] { return std::filesystem::is_symlink(Path("ttyModem")); }, 10s))
+            << ReadText(Path("stderr.txt"));
+        ASSERT_TRUE(m_line.Open(Path("ttyModem")));
+    }
+
+    // What the image loader's power worker does: a shell writes the pin.
+    void SetPin(char level) {
+        const std::string command = std::string("echo ") + level + " > " + Path("control");
+        ASSERT_EQ(std::system(command.c_str()), 0);
+    }
+
+    bool AwaitReady(char level, std::chrono::milliseconds timeout = 10s) {
+        return Await([&] { return ReadText(Path("ready")) == std::string(1, level) + "\n"; },
+                     timeout);
+    }
+
+    TBytes Exchange(const TBytes& sent, size_t replyBytes, std::chrono::milliseconds timeout = 5s) {
+        EXPECT_TRUE(m_line.Write(sent));
+        return m_line.Read(replyBytes, timeout);
+    }
+
+    // Stops the emulator as the test harness would and returns its summary.
+    nlohmann::json Stop(int signal = SIGTERM) {
+        EXPECT_TRUE(m_modem.Signal(signal));
+        const auto status = m_modem.WaitForExit(10s);
+        EXPECT_EQ(status, std::optional<int>(0)) << ReadText(Path("stderr.txt"));
+        return nlohmann::json::parse(ReadText(Path("summary.json")), nullptr, false);
+    }
+
+    CTemporaryDirectory m_directory;
+    CSimProcess m_modem;
+    CHostLine m_line;
+    TBytes m_loader;
+};
+
+TEST_F(ModemSimProcessTest, HelpPrintsTheUsageAndExitsZero) {
+    ASSERT_TRUE(m_modem.Start(kModemSim, {"--help"}, Path("stdout.txt"), Path("stderr.txt")));
+    EXPECT_EQ(m_modem.WaitForExit(10s), std::optional<int>(0));
+    EXPECT_EQ(ReadText(Path("stdout.txt")).rfind("usage: modem-sim --link PATH", 0), 0u);
+    EXPECT_EQ(ReadText(Path("stderr.txt")), "");
+}
+
+TEST_F(ModemSimProcessTest, BadArgumentExitsTwoWithTheReason) {
+    ASSERT_TRUE(m_modem.Start(kModemSim, Arguments({"--fault", "explode"}), Path("stdout.txt"),
+                              Path("stderr.txt")));
+    EXPECT_EQ(m_modem.WaitForExit(10s), std::optional<int>(2));
+    EXPECT_EQ(ReadText(Path("stderr.txt")),
+              "modem-sim: fault \"explode\": unknown fault\nTry 'modem-sim --help'.\n");
+    EXPECT_FALSE(std::filesystem::exists(Path("ttyModem")));
+}
+
+TEST_F(ModemSimProcessTest, EmptyLoaderIsRefusedAtStart) {
+    WriteBytes(Path("loader.bin"), {});
+    ASSERT_TRUE(m_modem.Start(kModemSim, Arguments({}), Path("stdout.txt"), Path("stderr.txt")));
+    EXPECT_EQ(m_modem.WaitForExit(10s), std::optional<int>(1));
+    EXPECT_EQ(ReadText(Path("stderr.txt")),
+              "modem-sim: reading the loader " + Path("loader.bin") +
+                  ": it is empty, and the boot code needs at least one byte\n");
+}
+
+TEST_F(ModemSimProcessTest, StartsOffWithAReleasedPinAndLinksAPseudoTerminal) {
+    StartModem();
+    EXPECT_EQ(ReadText(Path("control")), "1\n") << "created so the host finds its control pin";
+    EXPECT_EQ(ReadText(Path("ready")), "0\n");
+    EXPECT_EQ(std::filesystem::read_symlink(Path("ttyModem")).string().rfind("/dev/pts/", 0), 0u);
+    const nlohmann::json summary = Stop();
+    EXPECT_EQ(summary["power_ups"], 0);
+    EXPECT_FALSE(std::filesystem::exists(Path("ttyModem"))) << "the link goes with the modem";
+}
+
+TEST_F(ModemSimProcessTest, WholeUpdateLeavesTheFirmwareInTheFlashAndTheSummary) {
+    StartModem();
+    const TBytes firmware = Pattern(60000, 11);
+    const uint32_t size = static_cast<uint32_t>(firmware.size());
+
+    EXPECT_EQ(Exchange({0x16}, 1, 200ms), TBytes{}) << "switched off: no echo";
+    SetPin('0');
+    ASSERT_TRUE(AwaitReady('1'));
+    EXPECT_EQ(Exchange({0x16}, 1), TBytes{0x16});
+    EXPECT_EQ(Exchange(m_loader, 1), TBytes{'0'});
+    EXPECT_EQ(Exchange({0x07, 0x00, 0xc2, 0x01, 0x00}, 1), TBytes{0x07});
+    EXPECT_EQ(Exchange({0x05, 0x00}, 1), TBytes{0x05});
+    EXPECT_EQ(Exchange(Range(0x04, 0), 1), TBytes{0x04});
+    EXPECT_EQ(Exchange({0x02}, 1), TBytes{0x02});
+    EXPECT_EQ(Exchange(Range(0x09, size), 1), TBytes{0x09});
+    EXPECT_EQ(Exchange({0x03}, 2), (TBytes{0x03, '0'}));
+    EXPECT_EQ(Exchange(Range(0x04, size), 1), TBytes{0x04});
+    EXPECT_EQ(Exchange({0x01}, 1), TBytes{0x01});
+    EXPECT_EQ(Exchange(TBytes(firmware.begin(), firmware.begin() + 25600), 1), TBytes{'.'});
+    EXPECT_EQ(Exchange(TBytes(firmware.begin() + 25600, firmware.begin() + 51200), 1), TBytes{'.'});
+    EXPECT_EQ(Exchange(TBytes(firmware.begin() + 51200, firmware.end()), 1), TBytes{'0'});
+    EXPECT_EQ(ReadText(Path("ready")), "1\n") << "the held pin never switches it off";
+
+    const nlohmann::json summary = Stop();
+    const std::string flashed = ReadText(Path("flash.bin"));
+    EXPECT_EQ(TBytes(flashed.begin(), flashed.end()), firmware);
+    CSha256 digest;
+    digest.Update(firmware.data(), firmware.size());
+    const nlohmann::json expected = {
+        {"power_ups", 1},
+        {"power_offs", 0},
+        {"sync_attempts", 1},
+        {"sync_bytes_seen", 1},
+        {"sync_echoes", 1},
+        {"loader_bytes", 1000},
+        {"loader_ok", true},
+        {"commands",
+         {"07 00 c2 01 00", "05 00", "04 00 00 00 90 00 00 00 00", "02",
+          "09 00 00 00 90 60 ea 00 00", "03", "04 00 00 00 90 60 ea 00 00", "01"}},
+        {"bytes_flashed", 60000},
+        {"write_complete", true},
+        {"flash_sha256", digest.HexDigest()},
+    };
+    EXPECT_EQ(summary, expected) << summary.dump(2);
+
+    const std::string trace = ReadText(Path("trace.txt"));
+    EXPECT_NE(trace.find(" pin 0\n"), std::string::npos) << trace.substr(0, 2000);
+    EXPECT_NE(trace.find(" power on\n"), std::string::npos);
+    EXPECT_NE(trace.find(" host>modem 07 00 c2 01 00\n"), std::string::npos);
+    EXPECT_NE(trace.find(" modem>host 03\n"), std::string::npos);
+    EXPECT_NE(trace.find(" stop\n"), std::string::npos);
+}
+
+TEST_F(ModemSimProcessTest, LoaderStatusFaultIsTheOnlyAnswerToTheDownload) {
+    StartModem({"--fault", "loader-status=3"});
+    SetPin('0');
+    ASSERT_TRUE(AwaitReady('1'));
+    EXPECT_EQ(Exchange({0x16}, 1), TBytes{0x16});
+    EXPECT_EQ(Exchange(m_loader, 2, 300ms), TBytes{'3'});
+    const nlohmann::json summary = Stop(SIGINT);
+    EXPECT_EQ(summary["loader_ok"], false);
+    EXPECT_EQ(summary["loader_bytes"], 1000);
+}
+
+// A modem already running its firmware: the loader's re-prepare holds the pin at "0" for 6 s,
+// which switches it off after 5 s; the next press powers it up into its boot code.
+TEST_F(ModemSimProcessTest, InitiallyOnModemIsSwitchedOffByAFiveSecondPress) {
+    StartModem({"--initially-on"});
+    EXPECT_EQ(ReadText(Path("ready")), "1\n");
+    EXPECT_EQ(Exchange({0x16}, 1, 200ms), TBytes{}) << "firmware, not boot code: no echo";
+
+    const auto pressed = std::chrono::steady_clock::now();
+    SetPin('0');
+    ASSERT_TRUE(AwaitReady('0', 10s));
+    EXPECT_GE(std::chrono::steady_clock::now() - pressed, 4900ms);
+    SetPin('1');
+    SetPin('0');
+    ASSERT_TRUE(AwaitReady('1'));
+    EXPECT_EQ(Exchange({0x16}, 1), TBytes{0x16});
+
+    const nlohmann::json summary = Stop();
+    EXPECT_EQ(summary["power_ups"], 1);
+    EXPECT_EQ(summary["power_offs"], 1);
+    EXPECT_EQ(summary["sync_bytes_seen"], 2);
+    EXPECT_EQ(summary["sync_echoes"], 1);
+}
+
+TEST_F(ModemSimProcessTest, BaudRatePacesTheLoaderDownload) {
+    // 1000 bytes at 20000 baud take half a second on the wire; unpaced they take microseconds.
+    StartModem({"--baud", "20000"});
+    SetPin('0');
+    ASSERT_TRUE(AwaitReady('1'));
+    EXPECT_EQ(Exchange({0x16}, 1), TBytes{0x16});
+    const auto sent = std::chrono::steady_clock::now();
+    EXPECT_EQ(Exchange(m_loader, 1), TBytes{'0'});
+    const auto elapsed = std::chrono::steady_clock::now() - sent;
+    EXPECT_GE(elapsed, 490ms);
+    EXPECT_LT(elapsed, 3000ms);
+    EXPECT_EQ(Stop()["loader_ok"], true);
+}
+
+}  // namespace
