@@ -279,6 +279,7 @@ CStatus CLinuxFileHandler::MountDevice(const std::string& device, const std::str
         return CStatus::Failure("no file-system type is configured for format " +
                                 std::to_string(static_cast<int>(format)));
     }
+    std::lock_guard<std::mutex> mounting(m_mountMutex);
     const std::string target = Resolved(mountPoint);
     {
         std::lock_guard<std::mutex> lock(m_mutex);
@@ -321,6 +322,7 @@ int CLinuxFileHandler::Umount(const unsigned char* mountPoint) {
 }
 
 CStatus CLinuxFileHandler::UnmountDevice(const std::string& mountPoint) {
+    std::lock_guard<std::mutex> unmounting(m_mountMutex);
     const std::string target = Resolved(mountPoint);
     if (umount2(target.c_str(), 0) != 0) {
         return ErrnoFailure("unmounting");

@@ -55,7 +55,8 @@ private:
     int Report(const CStatus& status, int code = -1);
 
     const std::map<int, std::string> m_fileSystemTypes;
-    mutable std::mutex m_mutex;
+    std::mutex m_mountMutex;     // one Mount or Umount at a time, so m_mounts matches the kernel
+    mutable std::mutex m_mutex;  // m_mounts and m_lastError
     // Mounts made here, by the mount point's resolved path; the loop device is null when the
     // device was a block device of its own.
     std::map<std::string, std::unique_ptr<CLoopDevice>> m_mounts;

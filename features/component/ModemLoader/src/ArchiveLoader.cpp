@@ -27,8 +27,9 @@ const unsigned char* Bytes(const std::string& text) {
     return reinterpret_cast<const unsigned char*>(text.c_str());
 }
 
-// The source's file name with its leading "/". A path without "/" has none: substr then throws
-// std::out_of_range, which the controller has always seen leave Install, so it is kept.
+// The source's file name with its leading "/". A path without "/" (or an empty one) has none:
+// substr then throws std::out_of_range ("basic_string::substr"), which leaves Install with the
+// storage still mounted and no completion reported. Callers have always seen it so; it is kept.
 std::string FileNameTail(const std::string& sourcePath) {
     return sourcePath.substr(sourcePath.rfind('/'));
 }

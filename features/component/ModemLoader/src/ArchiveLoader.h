@@ -9,7 +9,7 @@
 //
 // The failure mark is never cleared: once a Prepare (mark 1) or an Install (mark 2) of this
 // object has failed, every later Install reports Completed(0), even one whose every step
-// succeeds. The controller relies on a failed update staying failed for the life of the object.
+// succeeds: an update that failed once stays failed for the life of the object, on purpose.
 //
 // A source path without "/" (also an empty one) makes Install leave with std::out_of_range
 // ("basic_string::substr") before any copy, with the storage still mounted and no completion.
