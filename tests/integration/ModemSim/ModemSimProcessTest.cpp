@@ -252,6 +252,10 @@ TEST_F(ModemSimProcessTest, InitiallyOnModemIsSwitchedOffByAFiveSecondPress) {
     ASSERT_TRUE(AwaitReady('0', 10s));
     EXPECT_GE(std::chrono::steady_clock::now() - pressed, 4900ms);
     SetPin('1');
+    // The pin is a file sampled on change: a release is only seen if it lasts until the modem
+    // has read it, as the loader's one-second pauses ensure.
+    ASSERT_TRUE(Await(
+        [&] { return ReadText(Path("trace.txt")).find(" pin 1\n") != std::string::npos; }, 10s));
     SetPin('0');
     ASSERT_TRUE(AwaitReady('1'));
     EXPECT_EQ(Exchange({0x16}, 1), TBytes{0x16});
