@@ -186,8 +186,8 @@ int main(int argc, char** argv) {
     try {
         THostOptions options;
         if (CStatus status = CCommandLine::Parse(argc, argv, options); !status) {
-            std::fprintf(stderr, "%s: %s\n%s", kProgram, status.Message().c_str(),
-                         CCommandLine::Usage());
+            std::fprintf(stderr, "%s: %s (see %s --help)\n", kProgram, status.Message().c_str(),
+                         kProgram);
             return CUpdateController::eHostError;
         }
         switch (options.command) {

@@ -83,6 +83,8 @@ struct TBadText {
     int line;
 };
 
+void PrintTo(const TBadText& testCase, std::ostream* stream) { *stream << testCase.name; }
+
 class IniPropertiesBadTextTest : public ::testing::TestWithParam<TBadText> {};
 
 TEST_P(IniPropertiesBadTextTest, NamesTheFirstBadLineAndKeepsWhatWasLoadedBefore) {

@@ -21,6 +21,8 @@ struct TCommandCase {
     int status;
 };
 
+void PrintTo(const TCommandCase& testCase, std::ostream* stream) { *stream << testCase.name; }
+
 class LinuxCmdHandlerStatusTest : public ::testing::TestWithParam<TCommandCase> {};
 
 TEST_P(LinuxCmdHandlerStatusTest, AnswersWithTheShellsStatus) {

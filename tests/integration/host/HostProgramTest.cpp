@@ -1,0 +1,522 @@
+// modemloader-host as its users run it: a child process with a configuration file, the real
+// plug-in and a real ext4 storage image, observed through its exit status, its JSON Lines trace
+// and what it prints.
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <sstream>
+
+#include "ChildProcess.h"
+#include "TemporaryDirectory.h"
+
+namespace {
+
+using nlohmann::json;
+using namespace std::chrono_literals;
+
+constexpr char kLogFile[] = "features/component/ModemLoader/src/ModemLoader";
+
+std::string ReadText(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    std::stringstream content;
+    content << file.rdbuf();
+    return content.str();
+}
+
+std::vector<json> ReadTrace(const std::string& path) {
+    std::vector<json> lines;
+    std::ifstream file(path);
+    std::string line;
+    while (std::getline(file, line)) {
+        lines.push_back(json::parse(line));
+    }
+    return lines;
+}
+
+// One trace line in a few words, for comparing whole conversations at a glance.
+std::string Summary(const json& line) {
+    const std::string kind = line.at("kind");
+    std::string text;
+    if (kind == "event") {
+        text = line.at("dir").get<std::string>() + " " + std::to_string(line.at("id").get<int>());
+        if (line.contains("percent")) {
+            text += " " + std::to_string(line.at("percent").get<int>()) + "%";
+        }
+        if (line.contains("outcome")) {
+            text += " outcome " + std::to_string(line.at("outcome").get<int>());
+        }
+    } else if (kind == "log") {
+        text = "log " + line.at("category").get<std::string>() + " " +
+               line.at("function").get<std::string>() + ": " + line.at("text").get<std::string>();
+    } else if (kind == "mount") {
+        text = "mount " + line.at("device").get<std::string>() + " on " +
+               line.at("mountpoint").get<std::string>() + " format " +
+               std::to_string(line.at("format").get<int>()) +
+               (line.at("status").get<int>() == 0 ? " ok" : " failed");
+    } else if (kind == "umount") {
+        text = "umount " + line.at("mountpoint").get<std::string>() +
+               (line.at("status").get<int>() == 0 ? " ok" : " failed");
+    } else {
+        text = line.dump();
+    }
+    return text;
+}
+
+std::vector<std::string> Summaries(const std::vector<json>& lines) {
+    std::vector<std::string> summaries;
+    for (const json& line : lines) {
+        summaries.push_back(Summary(line));
+    }
+    return summaries;
+}
+
+// The line without its time stamp.
+json Untimed(json line) {
+    line.erase("t");
+    return line;
+}
+
+std::vector<std::string> FakeLoaderProgress() {
+    std::vector<std::string> lines;
+    for (int percent = 5; percent <= 100; percent += 5) {
+        lines.push_back("out 206 " + std::to_string(percent) + "%");
+    }
+    return lines;
+}
+
+class HostProgramTest : public ::testing::Test {
+protected:
+    std::string Path(const std::string& name) const { return m_directory.Path() + "/" + name; }
+
+    // A configuration with the eleven properties the module reads; `changes` replaces or adds
+    // properties ("" as value removes one). The plug-in comes from the command line.
+    std::string WriteConfig(const std::map<std::string, std::string>& changes = {},
+                            const std::string& hostSection = "tick_ms = 10\nfs.2 = ext4\n") {
+        std::map<std::string, std::string> properties{{"control", Path("control")},
+                                                      {"revision", "123"},
+                                                      {"mountpoint", Path("mnt")},
+                                                      {"movinand", Path("absent-device")},
+                                                      {"revisionfile", "revision"},
+                                                      {"flagfile", "update.flag"},
+                                                      {"bootloader", Path("loader.bin")},
+                                                      {"firmware", Path("firmware.bin")},
+                                                      {"productconfig", Path("product.cfg")},
+                                                      {"daemonconfig", Path("daemon.cfg")},
+                                                      {"removable", "0"}};
+        for (const auto& [key, value] : changes) {
+            if (value.empty()) {
+                properties.erase(key);
+            } else {
+                properties[key] = value;
+            }
+        }
+        std::string text = "[host]\n" + hostSection + "\n[modemloader]\n";
+        for (const auto& [key, value] : properties) {
+            text += key + " = " + value + "\n";
+        }
+        ::mkdir(Path("mnt").c_str(), 0755);
+        return m_directory.WriteFile("host.ini", text);
+    }
+
+    TChildResult RunHost(std::vector<std::string> arguments, TChildOptions options = {}) {
+        arguments.insert(arguments.begin(), MODEMLOADER_HOST);
+        options.timeout = 60s;
+        return CChildProcess::Run(arguments, options);
+    }
+
+    TChildResult RunUpdate(const std::string& config, std::vector<std::string> extra = {},
+                           TChildOptions options = {}) {
+        std::vector<std::string> arguments{"update",           "--config",         config,
+                                           "--plugin",         MODEMLOADER_PLUGIN, "--trace",
+                                           Path("trace.jsonl")};
+        arguments.insert(arguments.end(), extra.begin(), extra.end());
+        return RunHost(arguments, options);
+    }
+
+    std::vector<json> Trace() const { return ReadTrace(Path("trace.jsonl")); }
+
+    CTemporaryDirectory m_directory;
+};
+
+TEST_F(HostProgramTest, HelpPrintsTheUsageAndExitsZero) {
+    const TChildResult result = RunHost({"--help"});
+    EXPECT_EQ(result.exitCode, 0) << Describe(result);
+    EXPECT_EQ(result.out.rfind("usage: modemloader-host update --config FILE [--plugin PATH]", 0),
+              0u)
+        << result.out;
+    EXPECT_NE(result.out.find("       modemloader-host info --plugin PATH\n"), std::string::npos);
+    EXPECT_NE(result.out.find("--abort-after-ms N"), std::string::npos);
+    EXPECT_EQ(result.err, "");
+}
+
+TEST_F(HostProgramTest, InfoNamesThePluginsFeatureType) {
+    const TChildResult result = RunHost({"info", "--plugin", MODEMLOADER_PLUGIN});
+    EXPECT_EQ(result.exitCode, 0) << Describe(result);
+    EXPECT_EQ(result.out, std::string("plugin: ") + MODEMLOADER_PLUGIN +
+                              "\nfeature type: modemloader\n"
+                              "entry points: FeatureType, FeatureCreate2\n");
+}
+
+struct TUsageCase {
+    const char* name;
+    std::vector<std::string> arguments;
+    std::string message;
+};
+
+void PrintTo(const TUsageCase& testCase, std::ostream* stream) { *stream << testCase.name; }
+
+class HostProgramUsageTest : public HostProgramTest,
+                             public ::testing::WithParamInterface<TUsageCase> {};
+
+TEST_P(HostProgramUsageTest, ExitsTwoWithOneLineNamingTheProblem) {
+    const TChildResult result = RunHost(GetParam().arguments);
+    EXPECT_EQ(result.exitCode, 2) << Describe(result);
+    EXPECT_EQ(result.err,
+              "modemloader-host: " + GetParam().message + " (see modemloader-host --help)\n");
+    EXPECT_EQ(result.out, "");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, HostProgramUsageTest,
+    ::testing::Values(TUsageCase{"NoCommand", {}, "no command given"},
+                      TUsageCase{"UnknownCommand", {"frobnicate"}, "unknown command 'frobnicate'"},
+                      TUsageCase{"UpdateWithoutConfig", {"update"}, "update needs --config FILE"},
+                      TUsageCase{
+                          "OptionWithoutValue", {"update", "--config"}, "--config needs a value"},
+                      TUsageCase{"UnknownOption",
+                                 {"update", "--config", "x.ini", "--colour", "red"},
+                                 "unknown option '--colour' for update"},
+                      TUsageCase{"TickNotANumber",
+                                 {"update", "--config", "x.ini", "--tick-ms", "ten"},
+                                 "--tick-ms: 'ten' is not a whole number"},
+                      TUsageCase{"ZeroTick",
+                                 {"update", "--config", "x.ini", "--tick-ms", "0"},
+                                 "--tick-ms: the period must be at least 1"},
+                      TUsageCase{"NegativeTimeout",
+                                 {"update", "--config", "x.ini", "--timeout", "-1"},
+                                 "--timeout: '-1' is not a number of seconds"},
+                      TUsageCase{"InfoWithoutPlugin", {"info"}, "info needs --plugin PATH"},
+                      TUsageCase{"UpdateOptionForInfo",
+                                 {"info", "--plugin", "x.so", "--quiet"},
+                                 "unknown option '--quiet' for info"}),
+    [](const ::testing::TestParamInfo<TUsageCase>& testCase) {
+        return std::string(testCase.param.name);
+    });
+
+struct TConfigCase {
+    const char* name;
+    std::string hostSection;  // the [host] section's lines
+    std::string message;      // after "modemloader-host: configuration <path>"
+};
+
+void PrintTo(const TConfigCase& testCase, std::ostream* stream) { *stream << testCase.name; }
+
+class HostProgramConfigTest : public HostProgramTest,
+                              public ::testing::WithParamInterface<TConfigCase> {};
+
+TEST_P(HostProgramConfigTest, ExitsTwoWithOneLineNamingTheFileAndTheProblem) {
+    const std::string config = WriteConfig({}, GetParam().hostSection);
+    const TChildResult result = RunUpdate(config);
+    EXPECT_EQ(result.exitCode, 2) << Describe(result);
+    EXPECT_EQ(result.err, "modemloader-host: configuration " + config + GetParam().message + "\n");
+    EXPECT_EQ(result.out, "");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, HostProgramConfigTest,
+    ::testing::Values(
+        TConfigCase{"UnknownKey", "colour = red\n", ": [host]: unknown key 'colour'"},
+        TConfigCase{"MisspelledKey", "tickms = 10\n", ": [host]: unknown key 'tickms'"},
+        TConfigCase{"TickNotANumber", "tick_ms = fast\n",
+                    ": [host]: tick_ms = 'fast' is not a whole number"},
+        TConfigCase{"ZeroTick", "tick_ms = 0\n", ": [host]: tick_ms must be at least 1"},
+        TConfigCase{"UnknownLogTarget", "log = loud\n",
+                    ": [host]: log = 'loud' is not one of stderr, syslog, both, none"},
+        TConfigCase{"FormatNotANumber", "fs.movinand = ext4\n",
+                    ": [host]: fs.movinand = 'movinand' is not a whole number"},
+        TConfigCase{"EmptyFeatureName", "feature =\n", ": [host]: feature must not be empty"},
+        TConfigCase{"NotIni", "this line is no setting\n",
+                    ": line 2: not a section header or key = value line"}),
+    [](const ::testing::TestParamInfo<TConfigCase>& testCase) {
+        return std::string(testCase.param.name);
+    });
+
+TEST_F(HostProgramTest, AMissingConfigurationFileIsNamed) {
+    const TChildResult result = RunUpdate(Path("absent.ini"));
+    EXPECT_EQ(result.exitCode, 2) << Describe(result);
+    EXPECT_EQ(result.err, "modemloader-host: configuration " + Path("absent.ini") +
+                              ": cannot open: No such file or directory\n");
+}
+
+TEST_F(HostProgramTest, AnUnreadableConfigurationIsNamed) {
+    const TChildResult result = RunUpdate(m_directory.Path());
+    EXPECT_EQ(result.exitCode, 2) << Describe(result);
+    EXPECT_EQ(result.err, "modemloader-host: configuration " + m_directory.Path() +
+                              ": cannot read: is a directory\n");
+}
+
+TEST_F(HostProgramTest, AConfigurationWithoutPluginNeedsOneOnTheCommandLine) {
+    const std::string config = WriteConfig();
+    const TChildResult result = RunHost({"update", "--config", config});
+    EXPECT_EQ(result.exitCode, 2) << Describe(result);
+    EXPECT_EQ(result.err, "modemloader-host: no plug-in: give --plugin PATH or [host] plugin in " +
+                              config + "\n");
+}
+
+TEST_F(HostProgramTest, AMissingPluginIsNamedWithTheLoadersReason) {
+    const std::string config = WriteConfig();
+    const TChildResult result =
+        RunHost({"update", "--config", config, "--plugin", Path("absent.so")});
+    EXPECT_EQ(result.exitCode, 2) << Describe(result);
+    EXPECT_EQ(result.err, "modemloader-host: plug-in " + Path("absent.so") +
+                              ": cannot load: " + Path("absent.so") +
+                              ": cannot open shared object file: No such file or directory\n");
+}
+
+TEST_F(HostProgramTest, ALibraryThatIsNoFeatureIsRefused) {
+    const std::string config = WriteConfig();
+    const TChildResult result =
+        RunHost({"update", "--config", config, "--plugin", NOT_A_FEATURE_PLUGIN});
+    EXPECT_EQ(result.exitCode, 2) << Describe(result);
+    EXPECT_EQ(result.err, std::string("modemloader-host: plug-in ") + NOT_A_FEATURE_PLUGIN +
+                              ": not a feature plug-in (no FeatureType)\n");
+}
+
+TEST_F(HostProgramTest, AFeatureOfAnotherTypeIsRefused) {
+    const std::string config = WriteConfig();
+    const TChildResult result =
+        RunHost({"update", "--config", config, "--plugin", OTHER_TYPE_PLUGIN});
+    EXPECT_EQ(result.exitCode, 2) << Describe(result);
+    EXPECT_EQ(result.err, std::string("modemloader-host: plug-in ") + OTHER_TYPE_PLUGIN +
+                              ": a feature of type 'navigation', not 'modemloader'\n");
+}
+
+TEST_F(HostProgramTest, TheConfiguredPluginIsFoundBesideTheConfigurationFile) {
+    // A relative [host] plugin path is taken from the configuration file's folder.
+    ASSERT_EQ(::symlink(OTHER_TYPE_PLUGIN, Path("feature.so").c_str()), 0);
+    const std::string config = WriteConfig({}, "plugin = feature.so\n");
+    const TChildResult result = RunHost({"update", "--config", config});
+    EXPECT_EQ(result.exitCode, 2) << Describe(result);
+    EXPECT_EQ(result.err, "modemloader-host: plug-in " + Path("feature.so") +
+                              ": a feature of type 'navigation', not 'modemloader'\n");
+}
+
+TEST_F(HostProgramTest, AStorageThatCannotBeMountedFailsThePrepare) {
+    const std::string config = WriteConfig();
+    const TChildResult result = RunUpdate(config);
+    EXPECT_EQ(result.exitCode, 1) << Describe(result);
+    EXPECT_EQ(Summaries(Trace()),
+              (std::vector<std::string>{
+                  "in 200",
+                  "out 201",
+                  "in 202",
+                  "umount " + Path("mnt") + " failed",
+                  "log Error HandleControllerPrepare: Couldn't umount " + Path("mnt"),
+                  "mount " + Path("absent-device") + " on " + Path("mnt") + " format 2 failed",
+                  "log Error HandleControllerPrepare: Couldn't mount " + Path("absent-device"),
+                  "out 203 outcome 0",
+              }));
+    EXPECT_EQ(result.out.rfind("modemloader: update failed: Prepare reported failure (", 0), 0u)
+        << result.out;
+}
+
+TEST_F(HostProgramTest, TraceLinesCarryTheirFieldsInOrder) {
+    const std::string config = WriteConfig();
+    const TChildResult result = RunUpdate(config);
+    ASSERT_EQ(result.exitCode, 1) << Describe(result);
+    const std::vector<json> trace = Trace();
+    ASSERT_EQ(trace.size(), 8u);
+    double previous = 0;
+    for (const json& line : trace) {
+        ASSERT_TRUE(line.at("t").is_number_float()) << line.dump();
+        EXPECT_GE(line.at("t").get<double>(), previous);
+        previous = line.at("t").get<double>();
+    }
+    EXPECT_EQ(Untimed(trace[0]).dump(),
+              R"({"dir":"in","id":200,"kind":"event","size":0,"type":3})");
+    EXPECT_EQ(Untimed(trace[1]),
+              json::parse(R"({"kind":"event","dir":"out","type":3,"id":201,"size":11,)"
+                          R"("name":"modemloader"})"));
+    EXPECT_EQ(Untimed(trace[2]),
+              json::parse(R"({"kind":"event","dir":"in","type":3,"id":202,"size":11,)"
+                          R"("name":"modemloader"})"));
+    EXPECT_EQ(Untimed(trace[7]),
+              json::parse(R"({"kind":"event","dir":"out","type":3,"id":203,"size":68,)"
+                          R"("name":"modemloader","outcome":0})"));
+    json log = Untimed(trace[6]);
+    EXPECT_GT(log.at("line").get<int>(), 0);
+    log.erase("line");
+    EXPECT_EQ(log, json({{"kind", "log"},
+                         {"category", "Error"},
+                         {"channel", "ModemLoader"},
+                         {"function", "HandleControllerPrepare"},
+                         {"file", kLogFile},
+                         {"text", "Couldn't mount " + Path("absent-device")}}));
+    // Keys in the documented order: "t" and "kind" first.
+    const std::string firstLine = ReadText(Path("trace.jsonl")).substr(0, 20);
+    EXPECT_EQ(firstLine.rfind("{\"t\":", 0), 0u) << firstLine;
+}
+
+TEST_F(HostProgramTest, AFeatureThatNeverFinishesTimesOutWithExitThree) {
+    const std::string config = WriteConfig();
+    const TChildResult result = RunHost({"update", "--config", config, "--plugin",
+                                         SILENT_FEATURE_PLUGIN, "--timeout", "0.3", "--quiet"});
+    EXPECT_EQ(result.exitCode, 3) << Describe(result);
+    EXPECT_EQ(result.err,
+              "modemloader-host: timed out after 0.3 s waiting for Install done (205)\n");
+    EXPECT_EQ(result.out, "");
+}
+
+// The fake-loader path on a real storage: an ext4 image, made here, whose revision file already
+// holds the configured revision, loop-mounted by the host's file handler.
+class HostProgramStorageTest : public HostProgramTest {
+protected:
+    void SetUp() override {
+        if (::geteuid() != 0) {
+            GTEST_SKIP() << "mounting a storage image needs root";
+        }
+        struct stat status {};
+        if (::stat("/dev/loop-control", &status) != 0) {
+            GTEST_SKIP() << "no loop devices here (/dev/loop-control is missing)";
+        }
+        ASSERT_EQ(::mkdir(Path("content").c_str(), 0755), 0);
+        m_directory.WriteFile("content/revision", "123\n");
+        const TChildResult made = CChildProcess::Run(
+            {"mkfs.ext4", "-q", "-F", "-d", Path("content"), Path("movinand.img"), "8M"});
+        if (!made.started || made.exitCode == 127) {
+            GTEST_SKIP() << "mkfs.ext4 is not available: " << Describe(made);
+        }
+        ASSERT_EQ(made.exitCode, 0) << Describe(made);
+    }
+
+    std::string WriteStorageConfig(std::map<std::string, std::string> changes = {}) {
+        changes.emplace("movinand", Path("movinand.img"));
+        return WriteConfig(changes);
+    }
+
+    // The file's content on the (unmounted) image.
+    std::string ReadFromImage(const std::string& name) {
+        const TChildResult result =
+            CChildProcess::Run({"debugfs", "-R", "cat /" + name, Path("movinand.img")});
+        EXPECT_EQ(result.exitCode, 0) << Describe(result);
+        return result.out;
+    }
+
+    bool IsMounted(const std::string& mountPoint) {
+        return ReadText("/proc/self/mountinfo").find(" " + mountPoint + " ") != std::string::npos;
+    }
+
+    std::vector<std::string> PrepareUpToDate() const {
+        const std::string mountPoint = Path("mnt");
+        return {"in 200",
+                "out 201",
+                "in 202",
+                "umount " + mountPoint + " failed",
+                "log Error HandleControllerPrepare: Couldn't umount " + mountPoint,
+                "mount " + Path("movinand.img") + " on " + mountPoint + " format 2 ok",
+                "log Always HandleControllerPrepare: current version: 123\n",
+                "log Always HandleControllerPrepare: Modem already up to date",
+                "umount " + mountPoint + " ok",
+                "out 203 outcome 1",
+                "in 204"};
+    }
+};
+
+TEST_F(HostProgramStorageTest, AnUpToDateModemCompletesThroughTheFakeLoader) {
+    const std::string config = WriteStorageConfig();
+    const TChildResult result = RunUpdate(config);
+    EXPECT_EQ(result.exitCode, 0) << Describe(result);
+
+    std::vector<std::string> expected = PrepareUpToDate();
+    for (const std::string& line : FakeLoaderProgress()) {
+        expected.push_back(line);
+    }
+    expected.push_back("out 205 outcome 1");
+    EXPECT_EQ(Summaries(Trace()), expected);
+    EXPECT_FALSE(IsMounted(Path("mnt")));
+    EXPECT_EQ(ReadFromImage("revision"), "123\n") << "the archive-loader case rewrites nothing";
+
+    // Not a terminal: one plain line per change, then the result.
+    std::istringstream lines(result.out);
+    std::string line;
+    for (int percent = 5, step = 1; percent <= 100; percent += 5, ++step) {
+        ASSERT_TRUE(std::getline(lines, line));
+        const std::string expectedStart =
+            "modemloader: " + std::to_string(percent) + "% (step " + std::to_string(step) + ", ";
+        EXPECT_EQ(line.rfind(expectedStart, 0), 0u) << line;
+    }
+    ASSERT_TRUE(std::getline(lines, line));
+    EXPECT_EQ(line.rfind("modemloader: update succeeded (", 0), 0u) << line;
+    EXPECT_FALSE(std::getline(lines, line)) << "unexpected: " << line;
+}
+
+TEST_F(HostProgramStorageTest, WithAControlPinTheRevisionIsWrittenAfterCompletion) {
+    // The control path exists, so completion mounts the storage again and writes the revision's
+    // four bytes (its three characters and the terminator).
+    const std::string config = WriteStorageConfig({{"control", m_directory.WriteFile("pin", "")}});
+    const TChildResult result = RunUpdate(config);
+    EXPECT_EQ(result.exitCode, 0) << Describe(result);
+
+    const std::vector<std::string> summaries = Summaries(Trace());
+    const std::vector<std::string> tail(summaries.end() - 4, summaries.end());
+    EXPECT_EQ(tail, (std::vector<std::string>{
+                        "log Error HandleLoaderCompleted: Couldn't umount " + Path("mnt"),
+                        "mount " + Path("movinand.img") + " on " + Path("mnt") + " format 2 ok",
+                        "umount " + Path("mnt") + " ok", "out 205 outcome 1"}));
+    EXPECT_EQ(ReadFromImage("revision"), std::string("123\0", 4));
+    EXPECT_FALSE(IsMounted(Path("mnt")));
+}
+
+TEST_F(HostProgramStorageTest, QuietPrintsNothing) {
+    const std::string config = WriteStorageConfig();
+    const TChildResult result = RunUpdate(config, {"--quiet"});
+    EXPECT_EQ(result.exitCode, 0) << Describe(result);
+    EXPECT_EQ(result.out, "");
+}
+
+TEST_F(HostProgramStorageTest, OnATerminalProgressIsOneBarRedrawnInPlace) {
+    const std::string config = WriteStorageConfig();
+    TChildOptions options;
+    options.stdoutOnTerminal = true;
+    const TChildResult result = RunUpdate(config, {}, options);
+    EXPECT_EQ(result.exitCode, 0) << Describe(result);
+    EXPECT_EQ(result.out.rfind("\rmodemloader [#                   ]   5%  step 1  0:", 0), 0u)
+        << result.out;
+    EXPECT_NE(result.out.find("\rmodemloader [##########          ]  50%  step 10  0:"),
+              std::string::npos)
+        << result.out;
+    EXPECT_NE(result.out.find("\rmodemloader [####################] 100%  step 20  0:"),
+              std::string::npos)
+        << result.out;
+    // The terminal turns each line end into "\r\n".
+    const std::string last = result.out.substr(result.out.rfind("\r\n", result.out.size() - 3));
+    EXPECT_EQ(last.rfind("\r\nmodemloader: update succeeded (", 0), 0u) << last;
+    EXPECT_EQ(std::count(result.out.begin(), result.out.end(), '\n'), 2);
+}
+
+TEST_F(HostProgramStorageTest, AbortIsAcknowledgedAndTheInstallationStillCompletes) {
+    const std::string config = WriteStorageConfig();
+    const TChildResult result = RunUpdate(config, {"--abort-after-ms", "0", "--tick-ms", "50"});
+    EXPECT_EQ(result.exitCode, 0) << Describe(result);
+
+    const std::vector<std::string> summaries = Summaries(Trace());
+    const auto position = [&](const std::string& summary) {
+        return std::find(summaries.begin(), summaries.end(), summary) - summaries.begin();
+    };
+    ASSERT_LT(position("in 207"), static_cast<long>(summaries.size()))
+        << ::testing::PrintToString(summaries);
+    EXPECT_EQ(summaries[position("in 207") + 1], "out 208 outcome 1");
+    EXPECT_LT(position("in 204"), position("in 207"));
+    EXPECT_LT(position("out 208 outcome 1"), position("out 205 outcome 1"));
+    EXPECT_EQ(summaries.back(), "out 205 outcome 1");
+    EXPECT_EQ(std::count_if(summaries.begin(), summaries.end(),
+                            [](const std::string& line) { return line.rfind("out 206", 0) == 0; }),
+              20);
+}
+
+}  // namespace
