@@ -267,6 +267,72 @@ TEST_F(ModemSimProcessTest, InitiallyOnModemIsSwitchedOffByAFiveSecondPress) {
     EXPECT_EQ(summary["sync_echoes"], 1);
 }
 
+// The image loader's power worker: pin "0", then a sync probe about every 26 ms (write, 1 ms,
+// one read, 25 ms) until the echo or 1.25 s. Returns whether the echo came in time.
+bool SyncAttempt(CHostLine& line, const std::function<void(char)>& setPin) {
+    setPin('0');
+    const auto pressed = std::chrono::steady_clock::now();
+    while (std::chrono::steady_clock::now() - pressed < 1250ms) {
+        if (!line.Write({0x16})) {
+            return false;
+        }
+        std::this_thread::sleep_for(1ms);
+        if (line.Read(1, 25ms) == TBytes{0x16}) {
+            return true;
+        }
+    }
+    return false;
+}
+
+TEST_F(ModemSimProcessTest, DefaultTimingsAnswerTheLoadersFirstAttempt) {
+    ASSERT_TRUE(m_modem.Start(kModemSim,
+                              {"--link", Path("ttyModem"), "--control", Path("control"), "--ready",
+                               Path("ready"), "--loader", Path("loader.bin"), "--flash-out",
+                               Path("flash.bin"), "--summary", Path("summary.json")},
+                              Path("stdout.txt"), Path("stderr.txt")));
+    ASSERT_TRUE(Await([&] { return std::filesystem::is_symlink(Path("ttyModem")); }, 10s));
+    ASSERT_TRUE(m_line.Open(Path("ttyModem")));
+    EXPECT_TRUE(SyncAttempt(m_line, [&](char level) { SetPin(level); }));
+    EXPECT_EQ(Exchange(m_loader, 1), TBytes{'0'});
+    const nlohmann::json summary = Stop();
+    EXPECT_EQ(summary["power_ups"], 1);
+    EXPECT_EQ(summary["sync_echoes"], 1);
+}
+
+// sync-after=2 with the loader's retry: the failed attempt releases the pin, finds the modem on,
+// holds the pin for the switch-off, releases it, and the next press powers up the boot code.
+TEST_F(ModemSimProcessTest, FailedAttemptSwitchOffAndRetryReachTheSecondPowerUp) {
+    StartModem({"--fault", "sync-after=2", "--power-on-ms", "100", "--boot-window-ms", "2000"});
+    const auto setPin = [&](char level) { SetPin(level); };
+    const auto releasesSeen = [&] {
+        const std::string trace = ReadText(Path("trace.txt"));
+        size_t count = 0;
+        for (size_t at = trace.find(" pin 1\n"); at != std::string::npos;
+             at = trace.find(" pin 1\n", at + 1)) {
+            ++count;
+        }
+        return count;
+    };
+
+    EXPECT_FALSE(SyncAttempt(m_line, setPin));
+    SetPin('1');
+    ASSERT_TRUE(Await([&] { return releasesSeen() == 1; }, 10s));
+    EXPECT_EQ(ReadText(Path("ready")), "1\n") << "the first press switched it on";
+    SetPin('0');
+    ASSERT_TRUE(AwaitReady('0', 10s));
+    SetPin('1');
+    ASSERT_TRUE(Await([&] { return releasesSeen() == 2; }, 10s));
+    EXPECT_TRUE(SyncAttempt(m_line, setPin));
+    EXPECT_EQ(Exchange(m_loader, 1), TBytes{'0'});
+
+    const nlohmann::json summary = Stop();
+    EXPECT_EQ(summary["power_ups"], 2);
+    EXPECT_EQ(summary["power_offs"], 1);
+    EXPECT_EQ(summary["sync_attempts"], 2);
+    EXPECT_EQ(summary["sync_echoes"], 1);
+    EXPECT_EQ(summary["loader_ok"], true);
+}
+
 TEST_F(ModemSimProcessTest, BaudRatePacesTheLoaderDownload) {
     // 1000 bytes at 20000 baud take half a second on the wire; unpaced they take microseconds.
     StartModem({"--baud", "20000"});
