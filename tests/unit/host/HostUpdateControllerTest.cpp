@@ -1,0 +1,170 @@
+// The host's update controller against the real broker and a scripted feature: the requests it
+// sends, in order, and the exit status each answer leads to.
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <functional>
+
+#include "LinuxEventBroker.h"
+#include "UpdateController.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+const std::string kFeature = "modemloader";
+
+// Plays a feature: records the requests it receives and answers them as told.
+class CScriptedFeature : public IEventObserver {
+public:
+    using TAnswer = std::function<void(CScriptedFeature& feature, int32_t id)>;
+
+    CScriptedFeature(IEventBroker& broker, TAnswer answer)
+        : m_broker(broker), m_answer(std::move(answer)) {
+        for (int32_t id : {200, 202, 204, 207}) {
+            m_broker.Subscribe(TEvent{EVENT_TYPE_USER, id, 0, nullptr}, *this);
+        }
+    }
+
+    void OnEvent(const TEvent& event) override {
+        std::string request = std::to_string(event.id);
+        if (event.size > 0) {
+            request += " " + std::string(static_cast<const char*>(event.data), event.size);
+        }
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_requests.push_back(request);
+        }
+        m_answer(*this, event.id);
+    }
+
+    void Reply(int32_t id, int32_t outcome, const std::string& name = kFeature) {
+        TControllerReply reply{};
+        std::strncpy(reply.name, name.c_str(), sizeof reply.name - 1);
+        reply.outcome = outcome;
+        m_broker.Publish(TEvent{EVENT_TYPE_USER, id, sizeof reply, &reply});
+    }
+    void InitDone() {
+        m_broker.Publish(
+            TEvent{EVENT_TYPE_USER, 201, static_cast<uint32_t>(kFeature.size()), kFeature.data()});
+    }
+
+    std::vector<std::string> Requests() {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_requests;
+    }
+
+private:
+    IEventBroker& m_broker;
+    TAnswer m_answer;
+    std::mutex m_mutex;
+    std::vector<std::string> m_requests;
+};
+
+class HostUpdateControllerTest : public ::testing::Test {
+protected:
+    HostUpdateControllerTest()
+        : m_broker(1h, nullptr),
+          m_progress(nullptr, CProgressDisplay::TMode::eQuiet, kFeature),
+          m_controller(m_broker, kFeature, m_trace, m_progress) {}
+
+    CUpdateController::TExitCode Run(CScriptedFeature& feature,
+                                     CUpdateController::TSettings settings = {}) {
+        (void)feature;
+        EXPECT_TRUE(m_broker.Start().IsOk());
+        const auto result = m_controller.Run(settings, m_summary);
+        m_broker.Stop();
+        return result;
+    }
+
+    CEventBroker m_broker;
+    CTrace m_trace;
+    CProgressDisplay m_progress;
+    CUpdateController m_controller;
+    std::string m_summary;
+};
+
+TEST_F(HostUpdateControllerTest, InitPrepareInstallInOrderThenSuccess) {
+    CScriptedFeature feature(m_broker, [](CScriptedFeature& self, int32_t id) {
+        if (id == 200) self.InitDone();
+        if (id == 202) self.Reply(203, 1);
+        if (id == 204) self.Reply(205, 1);
+    });
+    EXPECT_EQ(Run(feature), CUpdateController::eSucceeded);
+    EXPECT_EQ(feature.Requests(),
+              (std::vector<std::string>{"200", "202 modemloader", "204 modemloader"}));
+    EXPECT_EQ(m_summary, "update succeeded");
+}
+
+TEST_F(HostUpdateControllerTest, AFailedInstallationExitsOne) {
+    CScriptedFeature feature(m_broker, [](CScriptedFeature& self, int32_t id) {
+        if (id == 200) self.InitDone();
+        if (id == 202) self.Reply(203, 1);
+        if (id == 204) self.Reply(205, 0);
+    });
+    EXPECT_EQ(Run(feature), CUpdateController::eFailed);
+    EXPECT_EQ(m_summary, "update failed");
+}
+
+TEST_F(HostUpdateControllerTest, AFailedPrepareExitsOneWithoutInstalling) {
+    CScriptedFeature feature(m_broker, [](CScriptedFeature& self, int32_t id) {
+        if (id == 200) self.InitDone();
+        if (id == 202) self.Reply(203, 0);
+    });
+    EXPECT_EQ(Run(feature), CUpdateController::eFailed);
+    EXPECT_EQ(feature.Requests(), (std::vector<std::string>{"200", "202 modemloader"}));
+    EXPECT_EQ(m_summary, "update failed: Prepare reported failure");
+}
+
+TEST_F(HostUpdateControllerTest, RepliesOfAnotherFeatureAreNotOurs) {
+    CScriptedFeature feature(m_broker, [](CScriptedFeature& self, int32_t id) {
+        if (id == 200) self.InitDone();
+        if (id == 202) self.Reply(203, 1);
+        if (id == 204) {
+            self.Reply(205, 0, "navigation");
+            self.Reply(205, 1);
+        }
+    });
+    EXPECT_EQ(Run(feature), CUpdateController::eSucceeded);
+}
+
+TEST_F(HostUpdateControllerTest, AbortIsSentAfterTheDelayAndTheResultStillAwaited) {
+    CScriptedFeature feature(m_broker, [](CScriptedFeature& self, int32_t id) {
+        if (id == 200) self.InitDone();
+        if (id == 202) self.Reply(203, 1);
+        if (id == 207) {
+            self.Reply(208, 1);
+            self.Reply(205, 1);  // the work went on to its end
+        }
+    });
+    CUpdateController::TSettings settings;
+    settings.abortAfter = 20ms;
+    EXPECT_EQ(Run(feature, settings), CUpdateController::eSucceeded);
+    EXPECT_EQ(feature.Requests(), (std::vector<std::string>{"200", "202 modemloader",
+                                                            "204 modemloader", "207 modemloader"}));
+    EXPECT_EQ(m_summary, "update succeeded (abort acknowledged)");
+}
+
+TEST_F(HostUpdateControllerTest, NoAbortWhenTheResultCameFirst) {
+    CScriptedFeature feature(m_broker, [](CScriptedFeature& self, int32_t id) {
+        if (id == 200) self.InitDone();
+        if (id == 202) self.Reply(203, 1);
+        if (id == 204) self.Reply(205, 1);
+    });
+    CUpdateController::TSettings settings;
+    settings.abortAfter = 10s;
+    EXPECT_EQ(Run(feature, settings), CUpdateController::eSucceeded);
+    EXPECT_EQ(feature.Requests().size(), 3u);
+}
+
+TEST_F(HostUpdateControllerTest, NoInitReplyTimesOut) {
+    CScriptedFeature feature(m_broker, [](CScriptedFeature&, int32_t) {});
+    CUpdateController::TSettings settings;
+    settings.timeout = std::chrono::duration<double>(0.05);
+    EXPECT_EQ(Run(feature, settings), CUpdateController::eTimedOut);
+    EXPECT_EQ(m_summary, "timed out after 0.05 s waiting for Init done (201)");
+    EXPECT_EQ(feature.Requests(), std::vector<std::string>{"200"});
+}
+
+}  // namespace
