@@ -39,8 +39,14 @@ std::string CConsoleLog::FormatLine(const logging::TLogRecord& record) {
     char clock[32];
     std::snprintf(clock, sizeof clock, "%02d:%02d:%02d.%03d", local.tm_hour, local.tm_min,
                   local.tm_sec, static_cast<int>(milliseconds));
+    // A message that ends in a line end of its own (a line read from a file) would leave an empty
+    // line behind; people read one record per line.
+    std::string message = LogMessageText(record.text);
+    while (!message.empty() && (message.back() == '\n' || message.back() == '\r')) {
+        message.pop_back();
+    }
     return std::string(clock) + " " + logging::IControl::CategoryName(record.category) + " " +
-           record.function + ": " + LogMessageText(record.text);
+           record.function + ": " + message;
 }
 
 void CConsoleLog::Write(const logging::TLogRecord& record) {

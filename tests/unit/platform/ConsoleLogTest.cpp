@@ -35,6 +35,14 @@ TEST(ConsoleLogTest, FormatsTimeCategoryFunctionAndMessage) {
         << line;
 }
 
+TEST(ConsoleLogTest, AMessageEndingInALineEndStaysOnOneLine) {
+    const std::string line =
+        CConsoleLog::FormatLine(Record(logging::categories::Always, "(current version: 123\n)\n"));
+    EXPECT_TRUE(std::regex_match(
+        line, std::regex(R"(\S+ Always HandleControllerPrepare: current version: 123)")))
+        << line;
+}
+
 TEST(ConsoleLogTest, WritesOneLinePerRecordToItsStream) {
     FILE* stream = std::tmpfile();
     ASSERT_NE(stream, nullptr);
