@@ -1,0 +1,441 @@
+#include "SimulatedDevice.h"
+
+#include <dirent.h>
+#include <stdlib.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+#include "ProgramRun.h"
+#include "PseudoRandomBytes.h"
+
+namespace {
+constexpr char kFeature[] = "modemloader";
+constexpr char kRevisionFile[] = "revision";
+constexpr char kFlagFile[] = "update.flag";
+constexpr char kTargetFolder[] = "update";
+// The loader and the firmware differ even for the same seed.
+constexpr uint64_t kFirmwareSeedOffset = 0x5EED;
+// A loader image that begins with the sync byte cannot be told from a late sync probe.
+constexpr char kSyncByte = 0x16;
+// A guard of our own beyond the host's --timeout, for a host that hangs on its way out.
+constexpr double kHostGraceSeconds = 30;
+constexpr auto kLoopDetachTimeout = std::chrono::seconds(5);
+
+std::string Resolved(const std::string& path) {
+    char* resolved = ::realpath(path.c_str(), nullptr);
+    if (resolved == nullptr) {
+        return path;
+    }
+    std::string result = resolved;
+    ::free(resolved);
+    return result;
+}
+
+// /proc/self/mountinfo writes blanks and backslashes in paths as octal escapes.
+std::string Unescape(const std::string& field) {
+    std::string text;
+    for (std::size_t index = 0; index < field.size(); ++index) {
+        if (field[index] == '\\' && index + 3 < field.size()) {
+            text += static_cast<char>(std::stoi(field.substr(index + 1, 3), nullptr, 8));
+            index += 3;
+        } else {
+            text += field[index];
+        }
+    }
+    return text;
+}
+
+bool IsMountPoint(const std::string& path) {
+    const std::string target = Resolved(path);
+    std::ifstream table("/proc/self/mountinfo");
+    std::string line;
+    while (std::getline(table, line)) {
+        std::istringstream fields(line);
+        std::string id, parent, numbers, root, mountPoint;
+        fields >> id >> parent >> numbers >> root >> mountPoint;
+        if (Unescape(mountPoint) == target) {
+            return true;
+        }
+    }
+    return false;
+}
+
+bool InPath(const std::string& program) {
+    TProgramOptions options;
+    options.timeout = std::chrono::seconds(10);
+    return CProgramRun::Run({"sh", "-c", "command -v " + program}, options).exitCode == 0;
+}
+
+TProgramResult RunTool(const std::vector<std::string>& arguments) {
+    TProgramOptions options;
+    options.timeout = std::chrono::seconds(60);
+    return CProgramRun::Run(arguments, options);
+}
+
+std::string DeviceTreeName(TDeviceTree tree) {
+    switch (tree) {
+        case TDeviceTree::eHasGprs1:
+            return "has-gprs-1.dtb";
+        case TDeviceTree::eHasGprs0:
+            return "has-gprs-0.dtb";
+        case TDeviceTree::eNoFeaturesNode:
+            return "no-features.dtb";
+        case TDeviceTree::eMissing:
+            break;
+    }
+    return std::string();
+}
+}  // namespace
+
+TDevicePrograms CSimulatedDevice::BuiltPrograms() {
+    TDevicePrograms programs;
+    programs.host = MODEMLOADER_HOST;
+    programs.plugin = MODEMLOADER_PLUGIN;
+    programs.modemSim = MODEMLOADER_MODEM_SIM;
+    programs.interposer = MODEMLOADER_FDT_INTERPOSER;
+    programs.blobFolder = MODEMLOADER_FDT_BLOBS;
+    programs.asanRuntime = MODEMLOADER_ASAN_RUNTIME;
+    programs.addressSanitizer = MODEMLOADER_ADDRESS_SANITIZER != 0;
+    return programs;
+}
+
+std::string CSimulatedDevice::MissingPrerequisite(const TDevicePrograms& programs) {
+    if (::geteuid() != 0) {
+        return "mounting the device's storage needs root";
+    }
+    if (::access("/dev/loop-control", R_OK | W_OK) != 0) {
+        return "no /dev/loop-control: loop devices are not available";
+    }
+    if (::access("/dev/ptmx", R_OK | W_OK) != 0) {
+        return "no /dev/ptmx: the modem's serial line needs a pseudo-terminal";
+    }
+    for (const char* program : {"mkfs.ext4", "debugfs"}) {
+        if (!InPath(program)) {
+            return std::string(program) + " is not installed (e2fsprogs)";
+        }
+    }
+    for (const std::string& path : {programs.host, programs.plugin, programs.modemSim,
+                                    programs.interposer, programs.blobFolder}) {
+        if (::access(path.c_str(), R_OK) != 0) {
+            return path + " is not built";
+        }
+    }
+    return std::string();
+}
+
+CSimulatedDevice::CSimulatedDevice(const TDeviceSettings& settings, const TDevicePrograms& programs)
+    : m_settings(settings), m_programs(programs) {}
+
+CSimulatedDevice::~CSimulatedDevice() {
+    nlohmann::json ignored;
+    if (m_modem.IsRunning()) {
+        static_cast<void>(m_modem.Stop(PathOf("modem-summary.json"), ignored));
+    }
+    if (!Directory().empty() && IsStorageMounted()) {
+        // A host killed mid-update leaves its mount behind; its loop device is auto-clear and
+        // detaches once the mount is gone.
+        ::umount2(MountPoint().c_str(), MNT_DETACH);
+    }
+    const auto deadline = std::chrono::steady_clock::now() + kLoopDetachTimeout;
+    while (!Directory().empty() && !AttachedLoopDevices().empty() &&
+           std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+}
+
+CStatus CSimulatedDevice::Create(const TDeviceSettings& settings,
+                                 std::unique_ptr<CSimulatedDevice>& device,
+                                 const TDevicePrograms& programs) {
+    std::unique_ptr<CSimulatedDevice> made(new CSimulatedDevice(settings, programs));
+    if (CStatus status = made->Build(); !status) {
+        return status.WithContext("making a simulated device");
+    }
+    device = std::move(made);
+    return CStatus::Ok();
+}
+
+std::string CSimulatedDevice::DaemonConfig() {
+    return "# modem daemon\nport = /dev/ttyS1\nspeed = 115200\n";
+}
+
+std::string CSimulatedDevice::ProductConfig() { return "# product\nvariant = e2e\n"; }
+
+CStatus CSimulatedDevice::Build() {
+    if (CStatus status = m_directory.Make("/tmp/modemloader-device-"); !status) {
+        return status;
+    }
+    for (const char* folder : {"update", "mnt", "storage-content"}) {
+        if (::mkdir(PathOf(folder).c_str(), 0755) != 0) {
+            return CStatus::Failure("making " + PathOf(folder));
+        }
+    }
+    m_loader = PseudoRandomBytes(m_settings.loaderBytes, m_settings.seed);
+    if (!m_loader.empty() && m_loader[0] == kSyncByte) {
+        m_loader[0] = static_cast<char>(kSyncByte + 1);
+    }
+    m_firmware = PseudoRandomBytes(m_settings.firmwareBytes, m_settings.seed + kFirmwareSeedOffset);
+    const std::pair<const char*, const std::string*> files[] = {
+        {"update/loader.bin", &m_loader}, {"update/firmware.bin", &m_firmware}};
+    for (const auto& [name, content] : files) {
+        if (CStatus status = m_directory.WriteFile(name, *content); !status) {
+            return status;
+        }
+    }
+    if (CStatus status = m_directory.WriteFile("update/daemon.cfg", DaemonConfig()); !status) {
+        return status;
+    }
+    if (CStatus status = m_directory.WriteFile("update/product.cfg", ProductConfig()); !status) {
+        return status;
+    }
+    if (CStatus status = MakeStorage(); !status) {
+        return status;
+    }
+    if (CStatus status = WriteConfig(); !status) {
+        return status;
+    }
+    if (m_settings.controlPin) {
+        // Released ("1"): a pin already low when the modem starts is no press.
+        if (CStatus status = m_directory.WriteFile("control", "1\n"); !status) {
+            return status;
+        }
+        if (CStatus status = StartModem(); !status) {
+            return status;
+        }
+    }
+    return CStatus::Ok();
+}
+
+CStatus CSimulatedDevice::MakeStorage() {
+    if (m_settings.storedRevision) {
+        if (CStatus status = m_directory.WriteFile(std::string("storage-content/") + kRevisionFile,
+                                                   *m_settings.storedRevision);
+            !status) {
+            return status;
+        }
+    }
+    // Room for the archive loader's copies of the update beside the file system's own needs.
+    const std::size_t needed = 2 * (m_loader.size() + m_firmware.size()) + (8u << 20);
+    const std::size_t bytes = std::max(m_settings.storageBytes, needed);
+    const TProgramResult made = RunTool({"mkfs.ext4", "-q", "-F", "-d", PathOf("storage-content"),
+                                         Image(), std::to_string(bytes / 1024) + "k"});
+    if (made.exitCode != 0) {
+        return CStatus::Failure("mkfs.ext4 " + Image() + ": " + DescribeRun(made));
+    }
+    return CStatus::Ok();
+}
+
+CStatus CSimulatedDevice::WriteConfig() {
+    std::ostringstream text;
+    text << "[host]\n"
+         << "plugin = " << m_programs.plugin << "\n"
+         << "feature = " << kFeature << "\n"
+         << "tick_ms = " << m_settings.tickMs << "\n"
+         << "fs.2 = ext4\n"
+         << "serial_read_timeout_ms = " << m_settings.serialReadTimeoutMs << "\n"
+         << "log = " << m_settings.hostLog << "\n"
+         << "\n[" << kFeature << "]\n"
+         << "control = " << ControlFile() << "\n"
+         << "ready = " << ReadyFile() << "\n"
+         << "serial = " << SerialLink() << "\n"
+         << "revision = " << m_settings.revision << "\n"
+         << "removable = " << m_settings.removable << "\n"
+         << "movinand = " << Image() << "\n"
+         << "mountpoint = " << MountPoint() << "\n"
+         << "revisionfile = " << kRevisionFile << "\n"
+         << "flagfile = " << kFlagFile << "\n"
+         << "bootloader = " << LoaderSource() << "\n"
+         << "firmware = " << FirmwareSource() << "\n"
+         << "productconfig = " << ProductConfigSource() << "\n"
+         << "daemonconfig = " << DaemonConfigSource() << "\n"
+         << "targetfolder = " << kTargetFolder << "\n";
+    return m_directory.WriteFile("host.ini", text.str());
+}
+
+CStatus CSimulatedDevice::StartModem() {
+    std::vector<std::string> arguments{m_programs.modemSim,
+                                       "--link",
+                                       SerialLink(),
+                                       "--control",
+                                       ControlFile(),
+                                       "--ready",
+                                       ReadyFile(),
+                                       "--loader",
+                                       LoaderSource(),
+                                       "--flash-out",
+                                       FlashFile(),
+                                       "--power-on-ms",
+                                       std::to_string(m_settings.powerOn.count()),
+                                       "--erase-ms",
+                                       std::to_string(m_settings.eraseTime.count()),
+                                       "--trace",
+                                       PathOf("modem-trace.txt"),
+                                       "--summary",
+                                       PathOf("modem-summary.json")};
+    arguments.insert(arguments.end(), m_settings.modemOptions.begin(),
+                     m_settings.modemOptions.end());
+    return m_modem.Start(arguments, SerialLink(), PathOf("modem-output.txt"));
+}
+
+std::string CSimulatedDevice::DeviceTreeBlob() const {
+    const std::string name = DeviceTreeName(m_settings.deviceTree);
+    return name.empty() ? std::string() : m_programs.blobFolder + "/" + name;
+}
+
+std::vector<std::string> CSimulatedDevice::HostArguments(const TUpdateOptions& options) const {
+    std::ostringstream timeout;
+    timeout << options.timeoutSeconds;
+    std::vector<std::string> arguments{m_programs.host, "update",    "--config",  ConfigFile(),
+                                       "--trace",       TraceFile(), "--timeout", timeout.str()};
+    if (options.abortAfterMs) {
+        arguments.push_back("--abort-after-ms");
+        arguments.push_back(std::to_string(*options.abortAfterMs));
+    }
+    if (options.quiet) {
+        arguments.push_back("--quiet");
+    }
+    return arguments;
+}
+
+std::vector<std::string> CSimulatedDevice::HostEnvironment() const {
+    // The interposer answers for "/dev/fdtexport" inside the host. An instrumented interposer
+    // needs the AddressSanitizer runtime loaded before it (GCC links the runtime dynamically and
+    // checks that it comes first).
+    std::string preload = m_programs.interposer;
+    std::vector<std::string> environment;
+    if (m_programs.addressSanitizer) {
+        if (!m_programs.asanRuntime.empty() &&
+            ::access(m_programs.asanRuntime.c_str(), R_OK) == 0) {
+            preload = m_programs.asanRuntime + ":" + preload;
+        }
+        const char* inherited = ::getenv("ASAN_OPTIONS");
+        std::string asanOptions = inherited != nullptr ? std::string(inherited) + ":" : "";
+        environment.push_back("ASAN_OPTIONS=" + asanOptions + "verify_asan_link_order=0");
+    }
+    environment.push_back("LD_PRELOAD=" + preload);
+    if (m_settings.deviceTree == TDeviceTree::eMissing) {
+        environment.push_back("MODEMLOADER_FDT_KIND=missing");
+    } else {
+        environment.push_back("MODEMLOADER_FDT_FILE=" + DeviceTreeBlob());
+        environment.push_back("MODEMLOADER_FDT_KIND=chardev");
+    }
+    return environment;
+}
+
+CStatus CSimulatedDevice::RunUpdate(const TUpdateOptions& options, TUpdateResult& result) {
+    result = TUpdateResult();
+    TProgramOptions programOptions;
+    programOptions.captureOutput = !options.showOutput;
+    programOptions.extraEnvironment = HostEnvironment();
+    programOptions.timeout = std::chrono::milliseconds(
+        static_cast<long long>((options.timeoutSeconds + kHostGraceSeconds) * 1000));
+    const TProgramResult run = CProgramRun::Run(HostArguments(options), programOptions);
+    if (!run.started) {
+        return CStatus::Failure("running " + m_programs.host + ": " + run.error);
+    }
+    result.exitCode = run.exitCode;
+    result.signal = run.signal;
+    result.killed = run.killed;
+    result.out = run.out;
+    result.err = run.err;
+    result.seconds = run.seconds;
+
+    std::ifstream trace(TraceFile());
+    if (!trace) {
+        return CStatus::Failure("the host wrote no trace " + TraceFile() + ": " + DescribeRun(run));
+    }
+    std::string line;
+    while (std::getline(trace, line)) {
+        nlohmann::json parsed = nlohmann::json::parse(line, nullptr, false);
+        if (parsed.is_discarded()) {
+            return CStatus::Failure("trace " + TraceFile() + ": not JSON: " + line);
+        }
+        result.trace.push_back(std::move(parsed));
+    }
+    if (m_modem.IsRunning()) {
+        if (CStatus status = StopModem(result.modemSummary); !status) {
+            return status;
+        }
+    }
+    return CStatus::Ok();
+}
+
+CStatus CSimulatedDevice::StopModem(nlohmann::json& summary) {
+    return m_modem.Stop(PathOf("modem-summary.json"), summary);
+}
+
+CStatus CSimulatedDevice::ReadFlash(std::string& content) const {
+    return ReadWholeFile(FlashFile(), content);
+}
+
+CStatus CSimulatedDevice::ReadStorageFile(const std::string& relativePath,
+                                          std::string& content) const {
+    // "stat" finds only an existing inode; "cat" prints nothing for a missing one.
+    const TProgramResult found = RunTool({"debugfs", "-R", "stat /" + relativePath, Image()});
+    if (found.exitCode != 0 || found.out.find("Inode:") == std::string::npos) {
+        return CStatus::Failure("no " + relativePath + " on " + Image());
+    }
+    const TProgramResult read = RunTool({"debugfs", "-R", "cat /" + relativePath, Image()});
+    if (read.exitCode != 0) {
+        return CStatus::Failure("debugfs cat /" + relativePath + ": " + DescribeRun(read));
+    }
+    content = read.out;
+    return CStatus::Ok();
+}
+
+std::vector<std::string> CSimulatedDevice::ListStorageFolder(
+    const std::string& relativePath) const {
+    const TProgramResult listing = RunTool({"debugfs", "-R", "ls -p /" + relativePath, Image()});
+    // One entry a line: /inode/mode/uid/gid/name/size/
+    std::vector<std::string> names;
+    std::istringstream lines(listing.out);
+    std::string line;
+    while (std::getline(lines, line)) {
+        std::vector<std::string> fields;
+        std::istringstream parts(line);
+        std::string part;
+        while (std::getline(parts, part, '/')) {
+            fields.push_back(part);
+        }
+        if (fields.size() < 6) {
+            continue;
+        }
+        const std::string& name = fields[5];
+        const bool topLostFound = relativePath.empty() && name == "lost+found";
+        if (!name.empty() && name != "." && name != ".." && !topLostFound) {
+            names.push_back(name);
+        }
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+bool CSimulatedDevice::IsStorageMounted() const { return IsMountPoint(MountPoint()); }
+
+std::vector<std::string> CSimulatedDevice::AttachedLoopDevices() const {
+    const std::string image = Resolved(Image());
+    std::vector<std::string> devices;
+    DIR* block = ::opendir("/sys/block");
+    if (block == nullptr) {
+        return devices;
+    }
+    while (const dirent* entry = ::readdir(block)) {
+        const std::string name = entry->d_name;
+        if (name.compare(0, 4, "loop") != 0) {
+            continue;
+        }
+        std::ifstream backing("/sys/block/" + name + "/loop/backing_file");
+        std::string backingFile;
+        if (std::getline(backing, backingFile) && backingFile == image) {
+            devices.push_back("/dev/" + name);
+        }
+    }
+    ::closedir(block);
+    std::sort(devices.begin(), devices.end());
+    return devices;
+}
