@@ -125,7 +125,7 @@ void CBootProtocol::Receive(uint8_t byte, TTime now) {
 }
 
 void CBootProtocol::ReceiveLoaderByte(uint8_t byte) {
-    if (byte != m_loaderImage[m_loaderReceived]) {
+    if (m_loaderReceived >= m_loaderImage.size() || byte != m_loaderImage[m_loaderReceived]) {
         m_loaderMismatch = true;
     }
     ++m_loaderReceived;

@@ -58,7 +58,8 @@ public:
         std::chrono::milliseconds program{5};
     };
 
-    // `loaderImage` is what the host must download; `flash` is kept, not owned.
+    // `loaderImage` is what the host must download (an empty one is never matched); `flash` is
+    // kept, not owned.
     CBootProtocol(std::vector<uint8_t> loaderImage, TTimings timings, TModemFaults faults,
                   IFlashMemory& flash);
 

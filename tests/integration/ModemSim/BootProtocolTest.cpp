@@ -261,6 +261,63 @@ TEST_F(BootProtocolTest, SecondWriteReplacesWhatTheFirstProgrammed) {
     EXPECT_EQ(modem->Statistics().bytesFlashed, 2u);
 }
 
+// A host gone wrong sends anything at any time, across power cycles and timers: whatever the
+// fault set, the modem answers only with protocol bytes and never programs beyond the range.
+TEST_F(BootProtocolTest, RandomTrafficOnlyEverGetsProtocolBytesBack) {
+    const std::string allowed = std::string("\x16\x01\x02\x03\x04\x05\x07\x09") + "0123.X";
+    uint32_t state = 12345;
+    const auto next = [&state] {
+        state = state * 1664525u + 1013904223u;
+        return state >> 8;
+    };
+    const std::vector<std::vector<const char*>> faultSets = {
+        {}, {"nak=04"}, {"drop-bytes=3", "write-status=X"}, {"loader-status=2"}, {"sync-after=3"}};
+    for (const auto& specifications : faultSets) {
+        TModemFaults faults;
+        for (const char* specification : specifications) {
+            ASSERT_TRUE(AddFault(faults, specification).Ok());
+        }
+        auto modem = Make(faults);
+        for (int round = 0; round < 20000; ++round) {
+            const uint32_t choice = next() % 100;
+            if (choice == 0) {
+                modem->PowerOn(m_now);
+            } else if (choice == 1) {
+                modem->PowerOff();
+            } else if (choice < 5) {
+                m_now += std::chrono::milliseconds(next() % 300);
+                modem->Advance(m_now);
+            } else if (choice < 40) {
+                // Valid-looking traffic keeps the state machine moving past the loader.
+                const TBytes* pieces[] = {&kLoader, &kSetBaudrate, &kRead, &kErase, &kWrite};
+                const TBytes& piece = *pieces[next() % 5];
+                for (uint8_t byte : piece) {
+                    modem->Receive(byte, m_now);
+                }
+                if (next() % 4 == 0) {
+                    for (uint8_t byte : Range(0x04, next() % 70000)) {
+                        modem->Receive(byte, m_now);
+                    }
+                }
+            } else {
+                modem->Receive(choice < 60 ? 0x16 : static_cast<uint8_t>(next()), m_now);
+            }
+            for (uint8_t byte : modem->TakeOutput()) {
+                ASSERT_NE(allowed.find(static_cast<char>(byte)), std::string::npos)
+                    << "byte " << static_cast<int>(byte);
+            }
+        }
+        if (!m_flash.Ranges().empty()) {
+            EXPECT_LE(m_flash.Contents().size(), m_flash.Ranges().back().second);
+        }
+        if (specifications.empty()) {
+            EXPECT_TRUE(modem->Statistics().loaderOk) << "the traffic reached the loader";
+            EXPECT_GT(modem->Statistics().commands.size(), 100u);
+            EXPECT_GT(modem->Statistics().bytesFlashed, 0u);
+        }
+    }
+}
+
 // One update driven the way the image loader drives it: each step sends its bytes and stops
 // when the modem's answer is not the one expected.
 struct TSessionResult {
