@@ -100,7 +100,7 @@ private:
     std::deque<TStep> m_script;
     std::deque<uint8_t> m_buffered;
     bool m_bootCode = false;
-    unsigned m_powerUpsNeeded = 0;
+    unsigned m_powerUpsNeeded = static_cast<unsigned>(-1);  // no boot code: never answers
     unsigned m_powerUps = 0;
     bool m_powered = false;
     TBytes m_written;
