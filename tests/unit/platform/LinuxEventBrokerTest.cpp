@@ -32,9 +32,24 @@ protected:
               m_errors.push_back(message);
           }) {}
 
-    void Start() {
+    // Stops the broker when it goes out of scope. Declared after a test's observers, it ends the
+    // deliveries before they are destroyed (the broker may deliver to a subscribed observer at
+    // any time, a tick for example).
+    class CRunning {
+    public:
+        explicit CRunning(CEventBroker& broker) : m_running(broker) {}
+        ~CRunning() { m_running.Stop(); }
+        CRunning(const CRunning&) = delete;
+        CRunning& operator=(const CRunning&) = delete;
+
+    private:
+        CEventBroker& m_running;
+    };
+
+    [[nodiscard]] std::unique_ptr<CRunning> Start() {
         const CStatus status = m_broker.Start();
-        ASSERT_TRUE(status.IsOk()) << status.Message();
+        EXPECT_TRUE(status.IsOk()) << status.Message();
+        return std::make_unique<CRunning>(m_broker);
     }
 
     std::vector<std::string> Errors() {
@@ -51,7 +66,7 @@ TEST_F(LinuxEventBrokerTest, DeliversEventsInPublishOrderOnOneThreadOfItsOwn) {
     CRecordingObserver observer;
     ASSERT_TRUE(m_broker.Subscribe(Filter(201), observer));
     ASSERT_TRUE(m_broker.Subscribe(Filter(203), observer));
-    Start();
+    const auto running = Start();
 
     EXPECT_TRUE(m_broker.Publish(UserEvent(201, "first")));
     EXPECT_TRUE(m_broker.Publish(UserEvent(203, "second")));
@@ -79,7 +94,7 @@ TEST_F(LinuxEventBrokerTest, PublishCopiesRecordAndPayloadBeforeItReturns) {
         payload.assign(payload.size(), 'X');
         event.id = 999;
     }
-    Start();
+    const auto running = Start();
     ASSERT_TRUE(observer.Await(1));
     EXPECT_EQ(observer.Payloads(), std::vector<std::string>{"modemloader\x05"});
     EXPECT_EQ(observer.Deliveries()[0].id, 206);
@@ -91,7 +106,7 @@ TEST_F(LinuxEventBrokerTest, SubscriptionsMatchOnTypeAndIdOnly) {
     // The filter's third and fourth words play no part in matching.
     ASSERT_TRUE(m_broker.Subscribe(TEvent{EVENT_TYPE_USER, 205, 68, &observer}, observer));
     ASSERT_TRUE(m_broker.Subscribe(Filter(1), sentinel));
-    Start();
+    const auto running = Start();
 
     ASSERT_TRUE(m_broker.Publish(UserEvent(205, "matches")));
     ASSERT_TRUE(m_broker.Publish(UserEvent(204, "other id")));
@@ -108,7 +123,7 @@ TEST_F(LinuxEventBrokerTest, ASecondSubscriptionOfTheSamePairIsRefused) {
     EXPECT_TRUE(m_broker.Subscribe(Filter(201), observer));
     EXPECT_FALSE(m_broker.Subscribe(Filter(201), observer));
     ASSERT_TRUE(m_broker.Subscribe(Filter(1), sentinel));
-    Start();
+    const auto running = Start();
 
     ASSERT_TRUE(m_broker.Publish(UserEvent(201, "once")));
     ASSERT_TRUE(m_broker.Publish(UserEvent(1, "")));
@@ -126,7 +141,7 @@ TEST_F(LinuxEventBrokerTest, PublishFromInsideADeliveryIsDeliveredAfterItReturns
     });
     ASSERT_TRUE(m_broker.Subscribe(Filter(200), requests));
     ASSERT_TRUE(m_broker.Subscribe(Filter(201), replies));
-    Start();
+    const auto running = Start();
 
     ASSERT_TRUE(m_broker.Publish(UserEvent(200, "")));
     ASSERT_TRUE(replies.Await(1));
@@ -142,7 +157,7 @@ TEST_F(LinuxEventBrokerTest, AnObserverMayUnsubscribeItselfInsideADelivery) {
     self = &observer;
     ASSERT_TRUE(m_broker.Subscribe(Filter(204), observer));
     ASSERT_TRUE(m_broker.Subscribe(Filter(1), sentinel));
-    Start();
+    const auto running = Start();
 
     ASSERT_TRUE(m_broker.Publish(UserEvent(204, "first")));
     ASSERT_TRUE(m_broker.Publish(UserEvent(204, "second")));
@@ -159,7 +174,7 @@ TEST_F(LinuxEventBrokerTest, AnObserverUnsubscribedByAnEarlierOneGetsNoMoreOfThe
     ASSERT_TRUE(m_broker.Subscribe(Filter(202), first));
     ASSERT_TRUE(m_broker.Subscribe(Filter(202), second));
     ASSERT_TRUE(m_broker.Subscribe(Filter(1), sentinel));
-    Start();
+    const auto running = Start();
 
     ASSERT_TRUE(m_broker.Publish(UserEvent(202, "modemloader")));
     ASSERT_TRUE(m_broker.Publish(UserEvent(1, "")));
@@ -182,7 +197,7 @@ TEST_F(LinuxEventBrokerTest, UnsubscribeFromAnotherThreadReturnsOnlyAfterTheDeli
         deliveryEnded = true;
     });
     ASSERT_TRUE(m_broker.Subscribe(Filter(204), observer));
-    Start();
+    const auto running = Start();
     ASSERT_TRUE(m_broker.Publish(UserEvent(204, "")));
     ASSERT_EQ(entered.get_future().wait_for(10s), std::future_status::ready);
 
@@ -196,7 +211,7 @@ TEST_F(LinuxEventBrokerTest, AnUnsubscribedObserverReceivesNothingMore) {
     CRecordingObserver sentinel;
     ASSERT_TRUE(m_broker.Subscribe(Filter(206), observer));
     ASSERT_TRUE(m_broker.Subscribe(Filter(1), sentinel));
-    Start();
+    const auto running = Start();
     ASSERT_TRUE(m_broker.Publish(UserEvent(206, "before")));
     ASSERT_TRUE(observer.Await(1));
 
@@ -213,7 +228,7 @@ TEST_F(LinuxEventBrokerTest, AnObserverThatThrowsIsReportedAndDeliveryGoesOn) {
     CRecordingObserver next;
     ASSERT_TRUE(m_broker.Subscribe(Filter(205), thrower));
     ASSERT_TRUE(m_broker.Subscribe(Filter(205), next));
-    Start();
+    const auto running = Start();
 
     ASSERT_TRUE(m_broker.Publish(UserEvent(205, "one")));
     ASSERT_TRUE(m_broker.Publish(UserEvent(205, "two")));
@@ -227,7 +242,7 @@ TEST_F(LinuxEventBrokerTest, AnObserverThatThrowsIsReportedAndDeliveryGoesOn) {
 TEST_F(LinuxEventBrokerTest, AfterStopNothingIsDeliveredAndPublishIsRefused) {
     CRecordingObserver observer;
     ASSERT_TRUE(m_broker.Subscribe(Filter(200), observer));
-    Start();
+    const auto running = Start();
     ASSERT_TRUE(m_broker.Publish(UserEvent(200, "")));
     ASSERT_TRUE(observer.Await(1));
 
@@ -238,7 +253,7 @@ TEST_F(LinuxEventBrokerTest, AfterStopNothingIsDeliveredAndPublishIsRefused) {
 }
 
 TEST_F(LinuxEventBrokerTest, StartingTwiceFails) {
-    Start();
+    const auto running = Start();
     const CStatus second = m_broker.Start();
     EXPECT_FALSE(second.IsOk());
     EXPECT_EQ(second.Message(), "event broker: already started");
@@ -262,7 +277,7 @@ TEST_F(LinuxEventBrokerTickTest, TicksReachTickSubscribersOncePerPeriod) {
     CRecordingObserver controller;
     ASSERT_TRUE(m_broker.Subscribe(kTickFilter, ticks));
     ASSERT_TRUE(m_broker.Subscribe(Filter(200), controller));
-    Start();
+    const auto running = Start();
     ASSERT_TRUE(ticks.Await(4));
 
     const auto deliveries = ticks.Deliveries();
@@ -285,7 +300,7 @@ TEST_F(LinuxEventBrokerTickTest, AfterADeliveryOverranPeriodsTheNextTickComesAtO
         }
     });
     ASSERT_TRUE(m_broker.Subscribe(kTickFilter, ticks));
-    Start();
+    const auto running = Start();
     ASSERT_TRUE(ticks.Await(3));
 
     const auto deliveries = ticks.Deliveries();
@@ -300,7 +315,7 @@ TEST_F(LinuxEventBrokerTickTest, ControllerEventsAndTicksShareTheOneDeliveryThre
     CRecordingObserver controller;
     ASSERT_TRUE(m_broker.Subscribe(kTickFilter, ticks));
     ASSERT_TRUE(m_broker.Subscribe(Filter(204), controller));
-    Start();
+    const auto running = Start();
     ASSERT_TRUE(m_broker.Publish(UserEvent(204, "modemloader")));
     ASSERT_TRUE(controller.Await(1));
     ASSERT_TRUE(ticks.Await(1));
