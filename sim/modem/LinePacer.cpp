@@ -32,11 +32,15 @@ void CLinePacer::Passed(size_t count, bool drained) {
     }
     m_cursor += m_byteTime * static_cast<long long>(count);
     m_idle = drained;
+    m_streaming = !drained && (m_streaming || count > 0);
 }
 
 std::optional<CLinePacer::TTime> CLinePacer::NextDue() const {
     if (!Paced() || m_idle) {
         return std::nullopt;
+    }
+    if (m_streaming && m_byteTime < kStreamingWake) {
+        return m_cursor + kStreamingWake;
     }
     return m_cursor + m_byteTime;
 }

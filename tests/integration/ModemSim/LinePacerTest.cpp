@@ -38,6 +38,22 @@ TEST(LinePacerTest, TenThousandBaudCarriesOneByteAMillisecond) {
     EXPECT_EQ(*pacer.NextDue(), start + 1001ms);
 }
 
+TEST(LinePacerTest, FastStreamWakesEveryMillisecondAndStillCountsEveryByteTime) {
+    CLinePacer pacer(100000);  // 100 us a byte
+    const CLinePacer::TTime start = CLinePacer::TTime{} + 10s;
+    EXPECT_EQ(pacer.Allowance(start), 0u);
+    EXPECT_EQ(*pacer.NextDue(), start + 100us) << "a lone byte is not held back";
+    EXPECT_EQ(pacer.Allowance(start + 100us), 1u);
+    pacer.Passed(1, false);
+    EXPECT_EQ(*pacer.NextDue(), start + 1100us);
+    EXPECT_EQ(pacer.Allowance(start + 1100us), 10u);
+    pacer.Passed(10, false);
+    EXPECT_EQ(*pacer.NextDue(), start + 2100us);
+    pacer.Passed(0, true);
+    EXPECT_EQ(pacer.Allowance(start + 5000us), 0u);
+    EXPECT_EQ(*pacer.NextDue(), start + 5100us) << "idle again: the next lone byte is exact";
+}
+
 TEST(LinePacerTest, ByteTimeAtTheLoadersRate) { EXPECT_EQ(CLinePacer(115200).ByteTime(), 86805ns); }
 
 }  // namespace
