@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <memory>
 #include <string>
@@ -169,15 +170,21 @@ int Update(const THostOptions& options) {
 
     // No delivery may run while the module goes, and none after: the module leaves its Init
     // subscription behind on purpose, so the broker must be stopped before the module is deleted.
+    if (result == CUpdateController::eTimedOut) {
+        // The feature may be inside a delivery that never returns (the image loader polls a
+        // modem that never answers its loader download): the broker cannot be stopped nor the
+        // module deleted, so the host leaves without waiting for them. The trace is flushed
+        // line by line already.
+        progress.Finish(summary);
+        ReportError(summary);
+        std::fflush(stdout);
+        std::fflush(stderr);
+        std::_Exit(result);
+    }
     broker.Stop();
     module.reset();
 
-    if (result == CUpdateController::eTimedOut) {
-        progress.Finish(summary);
-        ReportError(summary);
-    } else {
-        progress.Finish(summary);
-    }
+    progress.Finish(summary);
     return result;
 }
 }  // namespace
