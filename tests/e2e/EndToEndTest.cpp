@@ -1,0 +1,107 @@
+#include "EndToEndTest.h"
+
+#include <unistd.h>
+
+#include <chrono>
+#include <thread>
+
+#include "ScratchDirectory.h"
+
+void EndToEndTest::SetUp() {
+    const std::string missing = CSimulatedDevice::MissingPrerequisite();
+    if (!missing.empty()) {
+        GTEST_SKIP() << missing;
+    }
+}
+
+void EndToEndTest::MakeDevice(const TDeviceSettings& settings) {
+    const CStatus made = CSimulatedDevice::Create(settings, m_device);
+    ASSERT_TRUE(made.IsOk()) << made.Message();
+}
+
+void EndToEndTest::RunUpdate(const TUpdateOptions& options) {
+    ASSERT_NE(m_device, nullptr);
+    const CStatus ran = m_device->RunUpdate(options, m_result);
+    ASSERT_TRUE(ran.IsOk()) << ran.Message() << "\n" << Describe();
+    ASSERT_FALSE(m_result.killed) << "the host outlived its own time-out\n" << Describe();
+}
+
+std::vector<std::string> EndToEndTest::Lines() const {
+    return UpdateLines(m_result.trace, m_device->Directory());
+}
+
+std::vector<std::string> EndToEndTest::Power() const {
+    return PowerLines(m_result.trace, m_device->Directory());
+}
+
+std::string EndToEndTest::Describe() const {
+    std::string text = "host exit code " + std::to_string(m_result.exitCode) + ", signal " +
+                       std::to_string(m_result.signal) + ", " + std::to_string(m_result.seconds) +
+                       " s\n--- stdout:\n" + m_result.out + "--- stderr:\n" + m_result.err +
+                       "--- trace:\n";
+    if (m_device != nullptr) {
+        for (const nlohmann::json& record : m_result.trace) {
+            text += "  " + std::to_string(record.value("t", 0.0)) + " " +
+                    RecordLine(record, m_device->Directory()) + "\n";
+        }
+        std::string modemOutput;
+        if (ReadWholeFile(m_device->PathOf("modem-output.txt"), modemOutput)) {
+            text += "--- modem-sim output:\n" + modemOutput;
+        }
+        text += "--- modem-sim summary:\n" + m_result.modemSummary.dump(1) + "\n";
+    }
+    return text;
+}
+
+void EndToEndTest::ExpectSummary(const nlohmann::json& expected) const {
+    ASSERT_TRUE(m_result.modemSummary.is_object()) << Describe();
+    for (const auto& [key, value] : expected.items()) {
+        EXPECT_EQ(m_result.modemSummary.value(key, nlohmann::json()), value)
+            << "summary field \"" << key << "\"\n"
+            << m_result.modemSummary.dump(1);
+    }
+}
+
+void EndToEndTest::ExpectStorageReleased() const {
+    EXPECT_FALSE(m_device->IsStorageMounted()) << m_device->MountPoint();
+    // The host's loop devices clear themselves once unmounted and closed; the kernel may take a
+    // moment after the host has gone.
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    while (!m_device->AttachedLoopDevices().empty() &&
+           std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    EXPECT_EQ(m_device->AttachedLoopDevices(), std::vector<std::string>());
+}
+
+std::string EndToEndTest::StorageFile(const std::string& relativePath) const {
+    std::string content;
+    const CStatus read = m_device->ReadStorageFile(relativePath, content);
+    EXPECT_TRUE(read.IsOk()) << read.Message();
+    return content;
+}
+
+namespace {
+std::vector<std::string> Sources(const CSimulatedDevice& device) {
+    return {device.LoaderSource(), device.FirmwareSource(), device.DaemonConfigSource(),
+            device.ProductConfigSource()};
+}
+}  // namespace
+
+bool EndToEndTest::SourcesPresent() const {
+    for (const std::string& path : Sources(*m_device)) {
+        if (::access(path.c_str(), F_OK) != 0) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool EndToEndTest::SourcesGone() const {
+    for (const std::string& path : Sources(*m_device)) {
+        if (::access(path.c_str(), F_OK) == 0) {
+            return false;
+        }
+    }
+    return true;
+}

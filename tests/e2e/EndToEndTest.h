@@ -1,0 +1,41 @@
+#pragma once
+// The fixture of the end-to-end tests: one simulated device per test, one or more complete
+// modemloader-host runs on it, and the observations every test makes (trace lines, the
+// emulator's summary, the storage, nothing left mounted). Skips where a device cannot be made
+// (not root, no loop devices, no pseudo-terminal).
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "SimulatedDevice.h"
+#include "UpdateRecords.h"
+
+class EndToEndTest : public ::testing::Test {
+protected:
+    void SetUp() override;
+
+    // Makes the device; a harness failure fails the test (check with HasFatalFailure()).
+    void MakeDevice(const TDeviceSettings& settings);
+    // Runs one update on the device made.
+    void RunUpdate(const TUpdateOptions& options = TUpdateOptions());
+
+    std::vector<std::string> Lines() const;
+    std::vector<std::string> Power() const;
+    // Exit status, output, the trace as lines and the emulator's own output, for failures.
+    std::string Describe() const;
+
+    // Each key of `expected` has that value in the emulator's summary.
+    void ExpectSummary(const nlohmann::json& expected) const;
+    // Nothing of the storage is mounted or attached to a loop device after the run.
+    void ExpectStorageReleased() const;
+    std::string StorageFile(const std::string& relativePath) const;  // "" with a failure
+    bool SourcesPresent() const;  // all four update files still at their paths
+    bool SourcesGone() const;     // none of them
+
+    std::unique_ptr<CSimulatedDevice> m_device;
+    TUpdateResult m_result;
+};
