@@ -325,6 +325,35 @@ TEST_F(HostProgramTest, AStorageThatCannotBeMountedFailsThePrepare) {
         << result.out;
 }
 
+TEST_F(HostProgramTest, TheFeatureNameChoosesThePropertySection) {
+    // [othername] does not exist: the module finds none of its eleven properties, and still
+    // answers Init.
+    const std::string config = WriteConfig();
+    const TChildResult result = RunUpdate(config, {"--feature", "othername"});
+    EXPECT_EQ(result.exitCode, 1) << Describe(result);
+    const std::vector<json> trace = Trace();
+    ASSERT_GE(trace.size(), 14u);
+    EXPECT_EQ(Untimed(trace[12]),
+              json::parse(R"({"kind":"event","dir":"out","type":3,"id":201,"size":9,)"
+                          R"("name":"othername"})"));
+    std::vector<std::string> parseErrors;
+    for (std::size_t index = 1; index < 12; ++index) {
+        parseErrors.push_back(Summary(trace[index]));
+    }
+    const std::vector<std::string> keys{"controlpin",    "revision",     "mountpoint", "movinand",
+                                        "revisionfile",  "flagfile",     "bootloader", "firmware",
+                                        "productconfig", "daemonconfig", "removable"};
+    std::vector<std::string> expected;
+    for (const std::string& key : keys) {
+        expected.push_back("log Error ParseProperties: Failed to retrieve '" + key + "' property");
+    }
+    EXPECT_EQ(parseErrors, expected);
+    EXPECT_EQ(Untimed(trace[13]),
+              json::parse(R"({"kind":"event","dir":"in","type":3,"id":202,"size":9,)"
+                          R"("name":"othername"})"));
+    EXPECT_EQ(Summary(trace.back()), "out 203 outcome 0");
+}
+
 TEST_F(HostProgramTest, TraceLinesCarryTheirFieldsInOrder) {
     const std::string config = WriteConfig();
     const TChildResult result = RunUpdate(config);
