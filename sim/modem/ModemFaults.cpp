@@ -21,13 +21,13 @@ bool ParseUnsigned(const std::string& text, int base, unsigned long max, unsigne
 
 }  // namespace
 
-TStatus AddFault(TModemFaults& faults, const std::string& specification) {
-    const auto equals = specification.find('=');
-    const std::string name = specification.substr(0, equals);
+TStatus AddFault(TModemFaults& faults, const std::string& faultText) {
+    const auto equals = faultText.find('=');
+    const std::string name = faultText.substr(0, equals);
     const bool hasArgument = equals != std::string::npos;
-    const std::string argument = hasArgument ? specification.substr(equals + 1) : std::string();
+    const std::string argument = hasArgument ? faultText.substr(equals + 1) : std::string();
     const auto bad = [&](const std::string& why) {
-        return TStatus::Failure("fault \"" + specification + "\": " + why);
+        return TStatus::Failure("fault \"" + faultText + "\": " + why);
     };
 
     if (name == "no-sync" || name == "loader-silent" || name == "erase-never-done" ||

@@ -272,10 +272,10 @@ TEST_F(BootProtocolTest, RandomTrafficOnlyEverGetsProtocolBytesBack) {
     };
     const std::vector<std::vector<const char*>> faultSets = {
         {}, {"nak=04"}, {"drop-bytes=3", "write-status=X"}, {"loader-status=2"}, {"sync-after=3"}};
-    for (const auto& specifications : faultSets) {
+    for (const auto& faultTexts : faultSets) {
         TModemFaults faults;
-        for (const char* specification : specifications) {
-            ASSERT_TRUE(AddFault(faults, specification).Ok());
+        for (const char* faultText : faultTexts) {
+            ASSERT_TRUE(AddFault(faults, faultText).Ok());
         }
         auto modem = Make(faults);
         for (int round = 0; round < 20000; ++round) {
@@ -310,7 +310,7 @@ TEST_F(BootProtocolTest, RandomTrafficOnlyEverGetsProtocolBytesBack) {
         if (!m_flash.Ranges().empty()) {
             EXPECT_LE(m_flash.Contents().size(), m_flash.Ranges().back().second);
         }
-        if (specifications.empty()) {
+        if (faultTexts.empty()) {
             EXPECT_TRUE(modem->Statistics().loaderOk) << "the traffic reached the loader";
             EXPECT_GT(modem->Statistics().commands.size(), 100u);
             EXPECT_GT(modem->Statistics().bytesFlashed, 0u);
@@ -380,8 +380,8 @@ protected:
 TEST_P(BootProtocolFaultTest, UpdateStopsWhereTheFaultBites) {
     const TFaultCase& fault = GetParam();
     TModemFaults faults;
-    for (const char* specification : fault.faults) {
-        ASSERT_TRUE(AddFault(faults, specification).Ok()) << specification;
+    for (const char* faultText : fault.faults) {
+        ASSERT_TRUE(AddFault(faults, faultText).Ok()) << faultText;
     }
     auto modem = Make(faults);
     const TBytes firmware = Firmware(64000);

@@ -121,10 +121,10 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST(ModemFaultsTest, EachNameSetsItsField) {
     TModemFaults faults;
-    for (const char* specification :
+    for (const char* faultText :
          {"no-sync", "sync-after=3", "loader-status=2", "loader-silent", "nak=0x1f",
           "erase-never-done", "write-status=X", "write-silent", "drop-bytes=25600"}) {
-        ASSERT_TRUE(AddFault(faults, specification).Ok()) << specification;
+        ASSERT_TRUE(AddFault(faults, faultText).Ok()) << faultText;
     }
     EXPECT_TRUE(faults.noSync);
     EXPECT_EQ(faults.syncAfter, 3u);
