@@ -9,6 +9,7 @@
 #include <fstream>
 #include <map>
 #include <nlohmann/json.hpp>
+#include <regex>
 #include <sstream>
 
 #include "ChildProcess.h"
@@ -323,6 +324,41 @@ TEST_F(HostProgramTest, AStorageThatCannotBeMountedFailsThePrepare) {
               }));
     EXPECT_EQ(result.out.rfind("modemloader: update failed: Prepare reported failure (", 0), 0u)
         << result.out;
+    // The records for people, one line each on stderr.
+    EXPECT_TRUE(std::regex_match(
+        result.err,
+        std::regex(
+            R"(\d\d:\d\d:\d\d\.\d\d\d Error HandleControllerPrepare: Couldn't umount .*/mnt\n)"
+            R"(\d\d:\d\d:\d\d\.\d\d\d Error HandleControllerPrepare: Couldn't mount .*/absent-device\n)")))
+        << result.err;
+}
+
+TEST_F(HostProgramTest, WithLogNoneNothingIsWrittenToStderr) {
+    const std::string config = WriteConfig({}, "tick_ms = 10\nfs.2 = ext4\nlog = none\n");
+    const TChildResult result = RunUpdate(config, {"--quiet"});
+    EXPECT_EQ(result.exitCode, 1) << Describe(result);
+    EXPECT_EQ(result.err, "");
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(Summaries(Trace()).back(), "out 203 outcome 0") << "the trace still has everything";
+}
+
+TEST_F(HostProgramTest, ATooLongFeatureNameIsRefused) {
+    const std::string config = WriteConfig();
+    const std::string name(64, 'n');
+    const TChildResult result = RunUpdate(config, {"--feature", name});
+    EXPECT_EQ(result.exitCode, 2) << Describe(result);
+    EXPECT_EQ(result.err,
+              "modemloader-host: feature name '" + name + "' must have 1 to 63 characters\n");
+}
+
+TEST_F(HostProgramTest, ATraceThatCannotBeWrittenIsNamed) {
+    const std::string config = WriteConfig();
+    const TChildResult result =
+        RunHost({"update", "--config", config, "--plugin", MODEMLOADER_PLUGIN, "--trace",
+                 Path("absent-folder/trace.jsonl")});
+    EXPECT_EQ(result.exitCode, 2) << Describe(result);
+    EXPECT_EQ(result.err, "modemloader-host: trace " + Path("absent-folder/trace.jsonl") +
+                              ": No such file or directory\n");
 }
 
 TEST_F(HostProgramTest, TheFeatureNameChoosesThePropertySection) {
