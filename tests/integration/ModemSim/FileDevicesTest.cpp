@@ -33,8 +33,8 @@ void WriteText(const std::string& path, const std::string& text) {
 
 class FileDevicesTest : public ::testing::Test {
 protected:
-    void SetUp() override { ASSERT_TRUE(m_directory.Valid()); }
-    std::string Path(const std::string& name) const { return m_directory.Path(name); }
+    void SetUp() override { ASSERT_FALSE(m_directory.Path().empty()); }
+    std::string Path(const std::string& name) const { return m_directory.Path() + "/" + name; }
 
     CTemporaryDirectory m_directory;
 };

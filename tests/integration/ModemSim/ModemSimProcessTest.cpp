@@ -79,13 +79,13 @@ protected:
         if (!terminal.Valid()) {
             GTEST_SKIP() << "no pseudo-terminal available: /dev/ptmx cannot be opened";
         }
-        ASSERT_TRUE(m_directory.Valid());
+        ASSERT_FALSE(m_directory.Path().empty());
         m_loader = Pattern(1000, 7);
         m_loader[0] = 0xa5;  // the loader must not begin with the sync byte
         WriteBytes(Path("loader.bin"), m_loader);
     }
 
-    std::string Path(const std::string& name) const { return m_directory.Path(name); }
+    std::string Path(const std::string& name) const { return m_directory.Path() + "/" + name; }
 
     std::vector<std::string> Arguments(const std::vector<std::string>& extra) const {
         std::vector<std::string> arguments = {"--link",           Path("ttyModem"),
