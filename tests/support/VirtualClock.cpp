@@ -104,12 +104,12 @@ void CVirtualClock::Sleep(TSleep::TUnit unit, uint64_t amount) {
 
 // The replacements. They stand in for libc's in every object of the executable that links this
 // library, the plug-in's included.
-extern "C" unsigned int sleep(unsigned int seconds) noexcept {
+extern "C" unsigned int sleep(unsigned int seconds) {
     CVirtualClock::Sleep(TSleep::eSeconds, seconds);
     return 0;
 }
 
-extern "C" int usleep(useconds_t microseconds) noexcept {
+extern "C" int usleep(useconds_t microseconds) {
     CVirtualClock::Sleep(TSleep::eMicroseconds, microseconds);
     return 0;
 }

@@ -26,7 +26,7 @@ public:
 private:
     std::string m_name;  // kept, never read
     IEventBroker& m_eventBroker;
-    const IFeatureProperties& m_properties;  // kept, never read
+    [[maybe_unused]] const IFeatureProperties& m_properties;  // kept, never read
     ILoaderCallback& m_callback;
     TEvent m_tickEvent;
 };
