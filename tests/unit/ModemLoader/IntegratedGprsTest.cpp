@@ -184,6 +184,8 @@ uint32_t GetBigEndian(const std::string& blob, std::size_t offset) {
 constexpr std::size_t kTotalSizeOffset = 4;
 constexpr std::size_t kStructOffset = 8;
 constexpr std::size_t kStringsOffset = 12;
+constexpr std::size_t kVersionOffset = 20;
+constexpr std::size_t kLastCompatibleVersionOffset = 24;
 constexpr std::size_t kStructSizeOffset = 36;
 
 struct TCorruption {
@@ -232,6 +234,15 @@ std::vector<TCorruption> Corruptions() {
              return blob;
          }},
         {"AllZeroes", [](std::string blob) { return std::string(blob.size(), '\0'); }},
+        // Found by the device-tree fuzz target (corpus: libfdt-old-version-crash.dtb): libfdt's
+        // header check accepts a tree of a version before 16 that claims compatibility with
+        // version 2, and its full check then crashed on it.
+        {"HeaderVersionBeforeSixteen",
+         [](std::string blob) {
+             PutBigEndian(blob, kVersionOffset, 15);
+             PutBigEndian(blob, kLastCompatibleVersionOffset, 2);
+             return blob;
+         }},
     };
 }
 

@@ -46,6 +46,12 @@ bool IsUsableBlob(const void* blob, off_t mappedSize) {
     if (fdt_check_header(blob) != 0 || fdt_totalsize(blob) > static_cast<uint32_t>(mappedSize)) {
         return false;
     }
+    // libfdt's full check dereferences a null name in trees of a version before 16 (whose nodes
+    // carry whole paths), although its header check accepts them; the kernel's export and dtc
+    // write version 17.
+    if (fdt_version(blob) < 16) {
+        return false;
+    }
     return fdt_check_full(blob, fdt_totalsize(blob)) == 0;
 }
 }  // namespace
