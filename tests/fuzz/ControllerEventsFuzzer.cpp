@@ -17,9 +17,6 @@
 // Every module reply must be one of the module's own ids with its record's size; the module
 // never publishes anything else.
 
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -83,67 +80,9 @@ void CheckPublished(const CRecordingEventBroker& broker, const std::string& name
     }
 }
 
-// The device-tree blobs, made once per process in a private folder.
-struct TBlobs {
-    std::string hasGprs;
-    std::string noGprs;
-};
-
-std::string WriteBlob(const std::string& path, const std::vector<uint8_t>& bytes) {
-    FILE* file = std::fopen(path.c_str(), "wb");
-    if (file == nullptr || std::fwrite(bytes.data(), 1, bytes.size(), file) != bytes.size()) {
-        Violation("cannot write a device-tree blob");
-    }
-    std::fclose(file);
-    return path;
-}
-
-// A minimal tree: the root with one node "features" holding has-gprs = <value>.
-std::vector<uint8_t> Blob(uint32_t value) {
-    std::vector<uint8_t> blob;
-    auto word = [&blob](uint32_t number) {
-        for (int shift = 24; shift >= 0; shift -= 8) {
-            blob.push_back(static_cast<uint8_t>(number >> shift));
-        }
-    };
-    const std::string strings("has-gprs", 9);
-    const uint32_t structure = 40 + 16;
-    const uint32_t structureSize = 4 + 4 + 4 + 12 + 12 + 4 + 4 + 4;  // see the tokens below
-    const uint32_t stringsOffset = structure + structureSize;
-    const uint32_t total = stringsOffset + static_cast<uint32_t>(strings.size());
-    word(0xD00DFEED);  // magic
-    word(total);
-    word(structure);      // off_dt_struct
-    word(stringsOffset);  // off_dt_strings
-    word(40);             // off_mem_rsvmap
-    word(17);             // version
-    word(16);             // last compatible version
-    word(0);              // boot cpu
-    word(static_cast<uint32_t>(strings.size()));
-    word(structureSize);
-    word(0), word(0), word(0), word(0);  // empty reservation map
-    word(1), word(0);                    // BEGIN_NODE ""
-    word(1);                             // BEGIN_NODE "features"
-    for (char character : std::string("features\0\0\0\0", 12)) {
-        blob.push_back(static_cast<uint8_t>(character));
-    }
-    word(3), word(4), word(0);  // PROP len 4, name offset 0
-    word(value);
-    word(2), word(2), word(9);  // END_NODE features, END_NODE root, END
-    return blob;
-}
-
-const TBlobs& Blobs() {
-    static const TBlobs blobs = [] {
-        char folder[] = "/tmp/modemloader-fuzz-XXXXXX";
-        if (mkdtemp(folder) == nullptr) {
-            Violation("cannot make a folder for the device-tree blobs");
-        }
-        return TBlobs{WriteBlob(std::string(folder) + "/has-gprs-1.dtb", Blob(1)),
-                      WriteBlob(std::string(folder) + "/has-gprs-0.dtb", Blob(0))};
-    }();
-    return blobs;
-}
+// Two boards' trees from the device-tree target's seeds: "/features" with has-gprs 1 and 0.
+const std::string kHasGprs = std::string(FUZZ_CORPUS_DIRECTORY) + "/device_tree/has-gprs-1.dtb";
+const std::string kNoGprs = std::string(FUZZ_CORPUS_DIRECTORY) + "/device_tree/has-gprs-0.dtb";
 
 void UseDeviceTree(unsigned kind) {
     switch (kind) {
@@ -151,13 +90,13 @@ void UseDeviceTree(unsigned kind) {
             FdtExportUse(eFdtExportMissing, nullptr);
             break;
         case 1:
-            FdtExportUse(eFdtExportCharDevice, Blobs().hasGprs.c_str());
+            FdtExportUse(eFdtExportCharDevice, kHasGprs.c_str());
             break;
         case 2:
-            FdtExportUse(eFdtExportCharDevice, Blobs().noGprs.c_str());
+            FdtExportUse(eFdtExportCharDevice, kNoGprs.c_str());
             break;
         default:
-            FdtExportUse(eFdtExportRegular, Blobs().hasGprs.c_str());
+            FdtExportUse(eFdtExportRegular, kHasGprs.c_str());
             break;
     }
 }
@@ -166,7 +105,6 @@ void UseDeviceTree(unsigned kind) {
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     PluginState();
-    Blobs();
     return 0;
 }
 

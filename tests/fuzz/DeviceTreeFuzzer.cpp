@@ -34,15 +34,34 @@ namespace {
     std::abort();
 }
 
-const std::string& BlobPath() {
-    static const std::string path = [] {
+// The blob file behind the export, in a folder of its own that goes when the process ends.
+class CBlobFile {
+public:
+    CBlobFile() {
         char folder[] = "/tmp/modemloader-fdt-fuzz-XXXXXX";
         if (mkdtemp(folder) == nullptr) {
             Violation("cannot make a folder for the blob");
         }
-        return std::string(folder) + "/export.dtb";
-    }();
-    return path;
+        m_folder = folder;
+        m_path = m_folder + "/export.dtb";
+    }
+    ~CBlobFile() {
+        unlink(m_path.c_str());
+        rmdir(m_folder.c_str());
+    }
+    CBlobFile(const CBlobFile&) = delete;
+    CBlobFile& operator=(const CBlobFile&) = delete;
+
+    const std::string& Path() const { return m_path; }
+
+private:
+    std::string m_folder;
+    std::string m_path;
+};
+
+const std::string& BlobPath() {
+    static const CBlobFile file;
+    return file.Path();
 }
 
 void WriteBlob(const uint8_t* data, std::size_t size) {
