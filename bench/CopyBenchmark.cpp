@@ -1,0 +1,137 @@
+#include "CopyBenchmark.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+
+#include "ProgramRun.h"
+#include "PseudoRandomBytes.h"
+
+namespace {
+// The movinand storage's TFileSystemFormat, as the plug-in mounts it.
+constexpr IFileHandler::TFileSystemFormat kStorageFormat =
+    static_cast<IFileHandler::TFileSystemFormat>(2);
+// Room beside the copies for ext4's own metadata and journal.
+constexpr std::size_t kImageMarginBytes = 96u << 20;
+
+const unsigned char* Bytes(const std::string& text) {
+    return reinterpret_cast<const unsigned char*>(text.c_str());
+}
+
+double SecondsSince(std::chrono::steady_clock::time_point start) {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+}  // namespace
+
+CCopyBenchmark::~CCopyBenchmark() {
+    // Unmounts (and so detaches the loop device) before the directory goes.
+    m_fileHandler.reset();
+}
+
+CStatus CCopyBenchmark::Prepare(std::size_t fileCount, std::size_t fileBytes) {
+    if (CStatus status = m_directory.Make("/tmp/modemloader-copy-bench-"); !status) {
+        return status;
+    }
+    m_fileBytes = fileBytes;
+    m_mountPoint = m_directory.Join("mnt");
+    m_targetFolder = m_mountPoint + "/update";
+    if (::mkdir(m_directory.Join("sources").c_str(), 0755) != 0 ||
+        ::mkdir(m_mountPoint.c_str(), 0755) != 0) {
+        return CStatus::Failure("making the folders under " + m_directory.Path());
+    }
+    for (std::size_t index = 0; index < fileCount; ++index) {
+        const std::string name = "sources/update-" + std::to_string(index) + ".bin";
+        if (CStatus status = m_directory.WriteFile(name, PseudoRandomBytes(fileBytes, index + 1));
+            !status) {
+            return status;
+        }
+        m_sources.push_back(m_directory.Join(name));
+    }
+    const std::string image = m_directory.Join("storage.img");
+    const std::size_t imageBytes = fileCount * fileBytes + kImageMarginBytes;
+    TProgramOptions options;
+    options.timeout = std::chrono::seconds(120);
+    const TProgramResult made =
+        CProgramRun::Run({"mkfs.ext4", "-q", "-F", "-E", "lazy_itable_init=0,lazy_journal_init=0",
+                          image, std::to_string(imageBytes / 1024) + "k"},
+                         options);
+    if (made.exitCode != 0) {
+        return CStatus::Failure("mkfs.ext4 " + image + ": " + DescribeRun(made));
+    }
+    m_fileHandler = std::make_unique<CLinuxFileHandler>(std::map<int, std::string>{{2, "ext4"}});
+    if (m_fileHandler->Mount(Bytes(image), Bytes(m_mountPoint), kStorageFormat) != 0) {
+        return CStatus::Failure("mounting " + image + ": " + m_fileHandler->LastError());
+    }
+    if (m_fileHandler->MakeFolder(Bytes(m_targetFolder)) != 0) {
+        return CStatus::Failure("making " + m_targetFolder + ": " + m_fileHandler->LastError());
+    }
+    // One untimed round of each, so that every measured run finds the sources in the page
+    // cache and the image's blocks allocated once before, whichever method goes first.
+    double untimed = 0;
+    if (CStatus status = CopyWithFileHandler(untimed); !status) {
+        return status.WithContext("warming up");
+    }
+    return CopyWithCp(untimed).WithContext("warming up");
+}
+
+std::string CCopyBenchmark::DestinationOf(const std::string& source) const {
+    return m_targetFolder + source.substr(source.rfind('/'));
+}
+
+CStatus CCopyBenchmark::RemoveCopies() {
+    for (const std::string& source : m_sources) {
+        const std::string destination = DestinationOf(source);
+        if (::unlink(destination.c_str()) != 0 && errno != ENOENT) {
+            return CStatus::Failure("removing " + destination);
+        }
+    }
+    ::sync();
+    return CStatus::Ok();
+}
+
+CStatus CCopyBenchmark::CheckCopies() const {
+    for (const std::string& source : m_sources) {
+        struct stat copied {};
+        const std::string destination = DestinationOf(source);
+        if (::stat(destination.c_str(), &copied) != 0 ||
+            static_cast<std::size_t>(copied.st_size) != m_fileBytes) {
+            return CStatus::Failure(destination + " is not a complete copy");
+        }
+    }
+    return CStatus::Ok();
+}
+
+CStatus CCopyBenchmark::CopyWithFileHandler(double& seconds) {
+    if (CStatus status = RemoveCopies(); !status) {
+        return status;
+    }
+    const auto start = std::chrono::steady_clock::now();
+    for (const std::string& source : m_sources) {
+        if (m_fileHandler->CopyFile(Bytes(source), Bytes(DestinationOf(source))) != 0) {
+            return CStatus::Failure("CopyFile " + source + ": " + m_fileHandler->LastError());
+        }
+    }
+    m_fileHandler->Sync();
+    seconds = SecondsSince(start);
+    return CheckCopies();
+}
+
+CStatus CCopyBenchmark::CopyWithCp(double& seconds) {
+    if (CStatus status = RemoveCopies(); !status) {
+        return status;
+    }
+    std::vector<std::string> command{"cp"};
+    command.insert(command.end(), m_sources.begin(), m_sources.end());
+    command.push_back(m_targetFolder + "/");
+    TProgramOptions options;
+    options.timeout = std::chrono::seconds(300);
+    const auto start = std::chrono::steady_clock::now();
+    const TProgramResult copied = CProgramRun::Run(command, options);
+    m_fileHandler->Sync();
+    seconds = SecondsSince(start);
+    if (copied.exitCode != 0) {
+        return CStatus::Failure("cp: " + DescribeRun(copied));
+    }
+    return CheckCopies();
+}

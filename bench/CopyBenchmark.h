@@ -1,0 +1,50 @@
+#pragma once
+// The archive loader's copy path measured against cp(1): four update files of the same size are
+// copied onto an ext4 image that CLinuxFileHandler attached to a loop device and mounted (as it
+// mounts the movinand storage), once with CLinuxFileHandler::CopyFile and once with cp, and each
+// time flushed with the file handler's Sync, which the archive loader also calls after its
+// copies. Both copy the same files onto the same mounted image in the same run; the order of the
+// two alternates from run to run, so neither always finds the caches as the other left them.
+
+#include <cstddef>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "LinuxFileHandler.h"
+#include "ScratchDirectory.h"
+#include "Status.h"
+
+class CCopyBenchmark {
+public:
+    CCopyBenchmark() = default;
+    ~CCopyBenchmark();
+    CCopyBenchmark(const CCopyBenchmark&) = delete;
+    CCopyBenchmark& operator=(const CCopyBenchmark&) = delete;
+
+    // Writes `fileCount` source files of `fileBytes` each, makes the image (with its inode
+    // tables and journal written at once, so that no background initialisation of the file
+    // system competes with the copies), mounts it and copies once with each method untimed.
+    [[nodiscard]] CStatus Prepare(std::size_t fileCount, std::size_t fileBytes);
+
+    // One timed copy of all the files, in seconds: with CopyFile, or with one cp command.
+    [[nodiscard]] CStatus CopyWithFileHandler(double& seconds);
+    [[nodiscard]] CStatus CopyWithCp(double& seconds);
+
+    std::size_t TotalBytes() const { return m_sources.size() * m_fileBytes; }
+
+private:
+    // Removes the copies of the last run and flushes, so that every run writes fresh files.
+    CStatus RemoveCopies();
+    // The copies hold the sources' bytes (checked by size; the content is CopyFile's own tests').
+    CStatus CheckCopies() const;
+    std::string DestinationOf(const std::string& source) const;
+
+    CScratchDirectory m_directory;
+    std::unique_ptr<CLinuxFileHandler> m_fileHandler;
+    std::vector<std::string> m_sources;
+    std::size_t m_fileBytes = 0;
+    std::string m_mountPoint;
+    std::string m_targetFolder;
+};
