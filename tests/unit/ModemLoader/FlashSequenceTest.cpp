@@ -99,6 +99,7 @@ TEST_F(FlashSequenceTest, SecondRunInTheSameProcessResumesFromTheFirstRunsCounte
     // the erase nor the write commands nor any data, and waits only for the modem's statuses.
     CRecordingLoaderCallback secondCallback;
     CImageLoader second(m_name, m_broker, m_properties, secondCallback);
+    Watch(second);
     ASSERT_TRUE(second.Prepare());
     m_port.PlayBootCode();
     m_port.Expect(Bytes(m_loaderSource), Bytes("0"));
@@ -124,7 +125,8 @@ TEST_F(FlashSequenceTest, SecondRunInTheSameProcessResumesFromTheFirstRunsCounte
     EXPECT_EQ(size, m_firmware.size());
     EXPECT_EQ(m_port.StepsLeft(), 0u);
     EXPECT_EQ(m_files.OpenStreams(), 0u) << "the firmware is not opened again";
-    ASSERT_TRUE(Await([this] { return FinishedAckThreads() == 2; }));
+    ASSERT_TRUE(Await([this] { return FinishedAckThreads() == 2; }))
+        << FinishedAckThreads() << " power workers finished";
 }
 
 // ---- Loader-source download ------------------------------------------------------------------

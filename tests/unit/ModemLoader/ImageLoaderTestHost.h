@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -122,18 +123,18 @@ protected:
         // on its way, the worker's polls wait for the loader to take it, however slow the
         // machine running the test.
         CVirtualClock::OnSleep([this](const TSleep& sleep) {
-            CImageLoader* loader = m_loader.get();
-            if (sleep.thread == m_mainThread || loader == nullptr || !m_port.AnswersProbes()) {
+            if (sleep.thread == m_mainThread || !m_port.AnswersProbes()) {
                 return;
             }
-            Await([loader] { return loader->Power().GetState() != CModemPower::eWaitingForAck; });
+            Await([this] { return !AnyLoaderWaitingForAck(); });
         });
     }
 
     void TearDown() override {
         // Every power worker must be done before the loader and the recorders go.
         EXPECT_TRUE(Await([this] { return FinishedAckThreads() >= AckThreadsStarted(); }))
-            << "a power worker is still running";
+            << "a power worker is still running: " << FinishedAckThreads() << " of "
+            << AckThreadsStarted() << " finished";
         CVirtualClock::OnSleep(nullptr);
     }
 
@@ -144,7 +145,24 @@ protected:
 
     CImageLoader& MakeLoader() {
         m_loader = std::make_unique<CImageLoader>(m_name, m_broker, m_properties, m_callback);
+        Watch(*m_loader);
         return *m_loader;
+    }
+
+    // Loaders whose power workers wait for an answering modem (see SetUp).
+    void Watch(CImageLoader& loader) {
+        std::lock_guard<std::mutex> lock(m_watchedMutex);
+        m_watched.push_back(&loader);
+    }
+
+    bool AnyLoaderWaitingForAck() {
+        std::lock_guard<std::mutex> lock(m_watchedMutex);
+        for (CImageLoader* loader : m_watched) {
+            if (loader->Power().GetState() == CModemPower::eWaitingForAck) {
+                return true;
+            }
+        }
+        return false;
     }
 
     // A loader after a successful Prepare, with the log of Prepare cleared.
@@ -231,6 +249,8 @@ protected:
     CFakeFileHandler m_files;
     CRecordingCmdHandler m_commands;
     CScriptedSerialPort m_port;
+    std::mutex m_watchedMutex;
+    std::vector<CImageLoader*> m_watched;
     std::unique_ptr<CImageLoader> m_loader;
 };
 
