@@ -264,6 +264,25 @@ TEST_F(SerialLinkTest, FiveAttemptsWithoutEchoEndTheRunWithASyncError) {
     EXPECT_FALSE(m_broker.HasTickSubscribers());
 }
 
+// Found by the controller-events fuzz target (corpus: image-install-without-prepare): the
+// controller installs whatever Prepare answered, and the sync step used the port that only
+// Prepare opens.
+TEST_F(SerialLinkTest, InstallWithoutAnOpenPortEndsWithASyncErrorInsteadOfACrash) {
+    CImageLoader& loader = MakeLoader();
+    loader.Install();
+    TickUntilCompleted();
+
+    EXPECT_EQ(m_callback.Calls(), std::vector<std::string>{"Completed(0)"});
+    EXPECT_EQ(loader.Error(), eLoaderErrorSync);
+    EXPECT_TRUE(m_port.CreateCalls().empty());
+    EXPECT_TRUE(m_port.Written().empty());
+    ASSERT_TRUE(Await([this] { return FinishedAckThreads() == 5; }));
+    EXPECT_GE(Count(m_log.Entries(),
+                    ErrorEntry("WriteBuffer", "encountered a problem writing to serial port")),
+              5u);
+    EXPECT_FALSE(m_broker.HasTickSubscribers());
+}
+
 TEST_F(SerialLinkTest, EchoOnTheFifthAttemptIsOverriddenByTheAttemptLimit) {
     CImageLoader& loader = PreparedLoader();
     m_port.PlayBootCode(5);

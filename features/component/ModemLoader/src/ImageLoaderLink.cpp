@@ -31,9 +31,12 @@ constexpr unsigned int kAckTries = 10;
 int32_t sSyncAttemptsLeft = 5;
 }  // namespace
 
+// The port is opened by Prepare, which may have failed to open it or never run: the controller
+// starts the run whatever Prepare answered. A missing port then fails every transfer like a port
+// error, so the sync attempts run out, instead of the host's event thread crashing.
 bool CImageLoader::WriteBuffer(const unsigned char* data, unsigned int length) {
     uint32_t written = 0;
-    if (m_serial->Write(data, length, written) != 0 || written != length) {
+    if (m_serial == nullptr || m_serial->Write(data, length, written) != 0 || written != length) {
         MODEMLOADER_LOG(Error, __LINE__, "encountered a problem writing to serial port");
         return false;
     }
@@ -53,7 +56,7 @@ bool CImageLoader::ReadAck(unsigned int length, const unsigned char* expected, u
     bool matched = false;
     for (unsigned int tried = 0; tried < tries; ++tried) {
         uint32_t got = 0;
-        if (m_serial->Read(reply, length, got) != 0) {
+        if (m_serial == nullptr || m_serial->Read(reply, length, got) != 0) {
             MODEMLOADER_LOG(Error, __LINE__, "encountered a problem reading serial port");
         } else if (got == length) {
             // A string comparison: it stops at a zero byte of the expected reply.
@@ -77,7 +80,7 @@ void CImageLoader::FlushSerial() {
     uint32_t got = 0;
     do {
         got = 0;
-        if (m_serial->Read(&scratch, 1, got) != 0) {
+        if (m_serial == nullptr || m_serial->Read(&scratch, 1, got) != 0) {
             return;
         }
     } while (got != 0);
