@@ -430,10 +430,10 @@ TEST_F(HostProgramTest, TraceLinesCarryTheirFieldsInOrder) {
 TEST_F(HostProgramTest, AFeatureThatNeverFinishesTimesOutWithExitThree) {
     const std::string config = WriteConfig();
     const TChildResult result = RunHost({"update", "--config", config, "--plugin",
-                                         SILENT_FEATURE_PLUGIN, "--timeout", "0.3", "--quiet"});
+                                         SILENT_FEATURE_PLUGIN, "--timeout", "1.5", "--quiet"});
     EXPECT_EQ(result.exitCode, 3) << Describe(result);
     EXPECT_EQ(result.err,
-              "modemloader-host: timed out after 0.3 s waiting for Install done (205)\n");
+              "modemloader-host: timed out after 1.5 s waiting for Install done (205)\n");
     EXPECT_EQ(result.out, "");
 }
 
@@ -575,7 +575,8 @@ TEST_F(HostProgramStorageTest, AbortIsAcknowledgedAndTheInstallationStillComplet
     };
     ASSERT_LT(position("in 207"), static_cast<long>(summaries.size()))
         << ::testing::PrintToString(summaries);
-    EXPECT_EQ(summaries[position("in 207") + 1], "out 208 outcome 1");
+    EXPECT_LT(position("in 207"), position("out 208 outcome 1"));
+    EXPECT_EQ(std::count(summaries.begin(), summaries.end(), "out 208 outcome 1"), 1);
     EXPECT_LT(position("in 204"), position("in 207"));
     EXPECT_LT(position("out 208 outcome 1"), position("out 205 outcome 1"));
     EXPECT_EQ(summaries.back(), "out 205 outcome 1");
