@@ -1,5 +1,6 @@
 #include "FuzzClock.h"
 
+#include <sched.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -51,16 +52,22 @@ bool CFuzzClock::Virtual() {
     return sActive.load() && std::this_thread::get_id() == sInputThread;
 }
 
-// The replacements, reached by every object of the executable (the plug-in's included).
+// The replacements, reached by every object of the executable (the plug-in's included). A
+// virtual sleep still yields the processor: the loader's sync loop probes the line while it
+// waits for the power worker, which must get to run.
 extern "C" unsigned int sleep(unsigned int seconds) {
-    if (!CFuzzClock::Virtual()) {
+    if (CFuzzClock::Virtual()) {
+        sched_yield();
+    } else {
         RealSleep(static_cast<time_t>(seconds), 0);
     }
     return 0;
 }
 
 extern "C" int usleep(useconds_t microseconds) {
-    if (!CFuzzClock::Virtual()) {
+    if (CFuzzClock::Virtual()) {
+        sched_yield();
+    } else {
         RealSleep(static_cast<time_t>(microseconds / 1000000),
                   static_cast<long>(microseconds % 1000000) * 1000);
     }
