@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <exception>
 
@@ -19,6 +20,14 @@ std::string EventName(int32_t type, int32_t id) {
 
 CEventBroker::CEventBroker(std::chrono::milliseconds tickPeriod, TErrorReporter reportError)
     : m_tickPeriod(tickPeriod), m_reportError(std::move(reportError)) {}
+
+void CEventBroker::ReportError(const std::string& message) const {
+    if (m_reportError) {
+        m_reportError(message);
+    } else {
+        std::fprintf(stderr, "%s\n", message.c_str());
+    }
+}
 
 CEventBroker::~CEventBroker() { Stop(); }
 
@@ -158,7 +167,7 @@ void CEventBroker::Run() {
             if (errno == EINTR) {
                 continue;
             }
-            m_reportError(SystemError("event broker: poll"));
+            ReportError(SystemError("event broker: poll"));
             return;
         }
         uint64_t count = 0;
@@ -202,11 +211,11 @@ void CEventBroker::Deliver(int32_t type, int32_t id, const std::vector<uint8_t>&
         try {
             target.observer->OnEvent(event);
         } catch (const std::exception& exception) {
-            m_reportError("event broker: observer of " + EventName(type, id) +
-                          " threw: " + exception.what());
+            ReportError("event broker: observer of " + EventName(type, id) +
+                        " threw: " + exception.what());
         } catch (...) {
-            m_reportError("event broker: observer of " + EventName(type, id) +
-                          " threw an unknown exception");
+            ReportError("event broker: observer of " + EventName(type, id) +
+                        " threw an unknown exception");
         }
         {
             std::lock_guard<std::mutex> lock(m_mutex);

@@ -39,7 +39,8 @@ class CEventBroker : public IEventBroker {
 public:
     using TErrorReporter = std::function<void(const std::string& message)>;
 
-    // `tickPeriod` must be positive. `reportError` is called on the delivery thread.
+    // `tickPeriod` must be positive. `reportError` is called on the delivery thread; without one
+    // the messages go to stderr.
     CEventBroker(std::chrono::milliseconds tickPeriod, TErrorReporter reportError);
     // Stops the delivery thread (see Stop).
     ~CEventBroker() override;
@@ -74,6 +75,7 @@ private:
     void Run();
     void Deliver(int32_t type, int32_t id, const std::vector<uint8_t>& payload);
     void Wake();
+    void ReportError(const std::string& message) const;
 
     const std::chrono::milliseconds m_tickPeriod;
     const TErrorReporter m_reportError;

@@ -69,9 +69,8 @@ protected:
           m_progress(nullptr, CProgressDisplay::TMode::eQuiet, kFeature),
           m_controller(m_broker, kFeature, m_trace, m_progress) {}
 
-    CUpdateController::TExitCode Run(CScriptedFeature& feature,
-                                     CUpdateController::TSettings settings = {}) {
-        (void)feature;
+    // Runs the conversation with the feature that the test subscribed to the broker.
+    CUpdateController::TExitCode Run(CUpdateController::TSettings settings = {}) {
         EXPECT_TRUE(m_broker.Start().IsOk());
         const auto result = m_controller.Run(settings, m_summary);
         m_broker.Stop();
@@ -91,7 +90,7 @@ TEST_F(HostUpdateControllerTest, InitPrepareInstallInOrderThenSuccess) {
         if (id == 202) self.Reply(203, 1);
         if (id == 204) self.Reply(205, 1);
     });
-    EXPECT_EQ(Run(feature), CUpdateController::eSucceeded);
+    EXPECT_EQ(Run(), CUpdateController::eSucceeded);
     EXPECT_EQ(feature.Requests(),
               (std::vector<std::string>{"200", "202 modemloader", "204 modemloader"}));
     EXPECT_EQ(m_summary, "update succeeded");
@@ -103,7 +102,7 @@ TEST_F(HostUpdateControllerTest, AFailedInstallationExitsOne) {
         if (id == 202) self.Reply(203, 1);
         if (id == 204) self.Reply(205, 0);
     });
-    EXPECT_EQ(Run(feature), CUpdateController::eFailed);
+    EXPECT_EQ(Run(), CUpdateController::eFailed);
     EXPECT_EQ(m_summary, "update failed");
 }
 
@@ -112,7 +111,7 @@ TEST_F(HostUpdateControllerTest, AFailedPrepareExitsOneWithoutInstalling) {
         if (id == 200) self.InitDone();
         if (id == 202) self.Reply(203, 0);
     });
-    EXPECT_EQ(Run(feature), CUpdateController::eFailed);
+    EXPECT_EQ(Run(), CUpdateController::eFailed);
     EXPECT_EQ(feature.Requests(), (std::vector<std::string>{"200", "202 modemloader"}));
     EXPECT_EQ(m_summary, "update failed: Prepare reported failure");
 }
@@ -126,7 +125,7 @@ TEST_F(HostUpdateControllerTest, RepliesOfAnotherFeatureAreNotOurs) {
             self.Reply(205, 1);
         }
     });
-    EXPECT_EQ(Run(feature), CUpdateController::eSucceeded);
+    EXPECT_EQ(Run(), CUpdateController::eSucceeded);
 }
 
 TEST_F(HostUpdateControllerTest, AbortIsSentAfterTheDelayAndTheResultStillAwaited) {
@@ -140,7 +139,7 @@ TEST_F(HostUpdateControllerTest, AbortIsSentAfterTheDelayAndTheResultStillAwaite
     });
     CUpdateController::TSettings settings;
     settings.abortAfter = 20ms;
-    EXPECT_EQ(Run(feature, settings), CUpdateController::eSucceeded);
+    EXPECT_EQ(Run(settings), CUpdateController::eSucceeded);
     EXPECT_EQ(feature.Requests(), (std::vector<std::string>{"200", "202 modemloader",
                                                             "204 modemloader", "207 modemloader"}));
     EXPECT_EQ(m_summary, "update succeeded (abort acknowledged)");
@@ -154,7 +153,7 @@ TEST_F(HostUpdateControllerTest, NoAbortWhenTheResultCameFirst) {
     });
     CUpdateController::TSettings settings;
     settings.abortAfter = 10s;
-    EXPECT_EQ(Run(feature, settings), CUpdateController::eSucceeded);
+    EXPECT_EQ(Run(settings), CUpdateController::eSucceeded);
     EXPECT_EQ(feature.Requests().size(), 3u);
 }
 
@@ -162,7 +161,7 @@ TEST_F(HostUpdateControllerTest, NoInitReplyTimesOut) {
     CScriptedFeature feature(m_broker, [](CScriptedFeature&, int32_t) {});
     CUpdateController::TSettings settings;
     settings.timeout = std::chrono::duration<double>(0.05);
-    EXPECT_EQ(Run(feature, settings), CUpdateController::eTimedOut);
+    EXPECT_EQ(Run(settings), CUpdateController::eTimedOut);
     EXPECT_EQ(m_summary, "timed out after 0.05 s waiting for Init done (201)");
     EXPECT_EQ(feature.Requests(), std::vector<std::string>{"200"});
 }

@@ -239,6 +239,21 @@ TEST_F(LinuxEventBrokerTest, AnObserverThatThrowsIsReportedAndDeliveryGoesOn) {
                   2, "event broker: observer of event type 3 id 205 threw: serial line gone"));
 }
 
+TEST(LinuxEventBrokerReporter, WithoutAReporterAThrowingObserverIsReportedOnStderr) {
+    CEventBroker broker(std::chrono::hours(1), nullptr);
+    CRecordingObserver thrower([](const TEvent&) { throw std::runtime_error("no modem"); });
+    CRecordingObserver next;
+    ASSERT_TRUE(broker.Subscribe(Filter(205), thrower));
+    ASSERT_TRUE(broker.Subscribe(Filter(205), next));
+    ::testing::internal::CaptureStderr();
+    ASSERT_TRUE(broker.Start().IsOk());
+    ASSERT_TRUE(broker.Publish(UserEvent(205, "")));
+    ASSERT_TRUE(next.Await(1));
+    broker.Stop();
+    EXPECT_EQ(::testing::internal::GetCapturedStderr(),
+              "event broker: observer of event type 3 id 205 threw: no modem\n");
+}
+
 TEST_F(LinuxEventBrokerTest, AfterStopNothingIsDeliveredAndPublishIsRefused) {
     CRecordingObserver observer;
     ASSERT_TRUE(m_broker.Subscribe(Filter(200), observer));
