@@ -51,11 +51,14 @@ CStatus CProgressPlot::Write(const TUpdateMeasurement& run, double lineBytesPerS
              << "set multiplot layout 2,1 title '" << title << "'\n"
              << "set grid\n"
              << "set key left top\n"
+             << "set xrange [0:*]\n"
              << "set xlabel 'seconds since the first firmware byte (modem clock)'\n"
              << "set ylabel 'KiB received by the modem'\n"
-             << "plot '" << bytesData << "' using 1:2 with lines lw 2 title 'firmware received', "
-             << kibPerSecond << " * x with lines dt 2 title 'line limit "
-             << static_cast<long>(lineBytesPerSecond) << " B/s'\n"
+             // The limit first and broad, so that a transfer running at it stays visible on it.
+             << "plot " << kibPerSecond
+             << " * x with lines lw 6 lc rgb '#c0c0c0' title 'line limit "
+             << static_cast<long>(lineBytesPerSecond) << " B/s', '" << bytesData
+             << "' using 1:2 with lines lw 2 lc rgb '#9400d3' title 'firmware received'\n"
              << "set xlabel 'seconds since Install (host clock)'\n"
              << "set ylabel 'completed % (event 206)'\n"
              << "set yrange [0:105]\n"

@@ -15,8 +15,10 @@ std::string CResultTable::Markdown() const {
           << "|---|---|---:|---:|---:|---:|---|---:|\n";
     for (const TResultRow& row : m_rows) {
         const double median = row.samples.Median();
+        // Three decimals read well near 1; a figure far below its limit keeps two digits.
+        const double share = row.limit > 0 ? median / row.limit : 0.0;
         char ratio[32];
-        std::snprintf(ratio, sizeof ratio, "%.3f", row.limit > 0 ? median / row.limit : 0.0);
+        std::snprintf(ratio, sizeof ratio, share >= 0.1 ? "%.3f" : "%.2g", share);
         table << "| " << row.number << " | " << row.figure << " | "
               << FormatValue(median, row.decimals, row.unit) << " | "
               << FormatValue(row.samples.Minimum(), row.decimals, row.unit) << " | "
