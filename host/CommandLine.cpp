@@ -27,6 +27,11 @@ CStatus ParseSeconds(const std::string& option, const std::string& text, double&
         parsed < 0) {
         return CStatus::Failure(option + ": '" + text + "' is not a number of seconds");
     }
+    // A deadline further away than this could not be represented on the steady clock.
+    constexpr double kLongestTimeout = 1e9;
+    if (parsed > kLongestTimeout) {
+        return CStatus::Failure(option + ": '" + text + "' is too long (at most 1e9 seconds)");
+    }
     value = parsed;
     return CStatus::Ok();
 }
