@@ -5,8 +5,10 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <limits>
 
 namespace {
 std::string SystemError(const std::string& what) { return what + ": " + std::strerror(errno); }
@@ -134,9 +136,12 @@ int CLinuxSerialPort::Read(unsigned char* buffer, uint32_t length, uint32_t& got
         return 0;
     }
     pollfd descriptor{m_descriptor.Get(), POLLIN, 0};
+    // poll takes an int; a negative one would mean waiting for ever.
+    const int timeoutMs = static_cast<int>(std::clamp<std::chrono::milliseconds::rep>(
+        m_readTimeout.count(), 0, std::numeric_limits<int>::max()));
     int ready = 0;
     do {
-        ready = ::poll(&descriptor, 1, static_cast<int>(m_readTimeout.count()));
+        ready = ::poll(&descriptor, 1, timeoutMs);
     } while (ready < 0 && errno == EINTR);
     if (ready < 0) {
         return errno != 0 ? errno : -1;
