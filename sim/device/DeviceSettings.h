@@ -16,6 +16,7 @@ enum class TDeviceTree {
     eHasGprs0,        // "/features" with "has-gprs" = <0>: no integrated modem
     eNoFeaturesNode,  // a tree without "/features"
     eMissing,         // no "/dev/fdtexport" at all
+    eNoInterposer,    // nothing preloaded: the host sees this machine's own "/dev/fdtexport"
 };
 
 // The programs a device is driven with; by default the ones this build made.

@@ -87,6 +87,7 @@ std::string DeviceTreeName(TDeviceTree tree) {
         case TDeviceTree::eNoFeaturesNode:
             return "no-features.dtb";
         case TDeviceTree::eMissing:
+        case TDeviceTree::eNoInterposer:
             break;
     }
     return std::string();
@@ -306,8 +307,11 @@ std::vector<std::string> CSimulatedDevice::HostEnvironment() const {
     // The interposer answers for "/dev/fdtexport" inside the host. An instrumented interposer
     // needs the AddressSanitizer runtime loaded before it (GCC links the runtime dynamically and
     // checks that it comes first).
-    std::string preload = m_programs.interposer;
     std::vector<std::string> environment;
+    if (m_settings.deviceTree == TDeviceTree::eNoInterposer) {
+        return environment;
+    }
+    std::string preload = m_programs.interposer;
     if (m_programs.addressSanitizer) {
         if (!m_programs.asanRuntime.empty() &&
             ::access(m_programs.asanRuntime.c_str(), R_OK) == 0) {

@@ -4,6 +4,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <sstream>
+
 #include "EndToEndTest.h"
 
 namespace {
@@ -230,6 +233,15 @@ TEST_P(ModemFaultTest, EndsInTheStepsFailureOutcome) {
     ASSERT_NO_FATAL_FAILURE(RunUpdate(options));
 
     EXPECT_EQ(m_result.exitCode, fault.exitCode) << Describe();
+    if (fault.exitCode == 3) {
+        // The host gave up waiting; its last words say for what.
+        std::ostringstream timedOut;
+        timedOut << "modemloader-host: timed out after " << fault.timeoutSeconds
+                 << " s waiting for Install done (205)\n";
+        const std::string& err = m_result.err;
+        const std::size_t tail = std::min(err.size(), timedOut.str().size());
+        EXPECT_EQ(err.substr(err.size() - tail), timedOut.str()) << Describe();
+    }
     EXPECT_EQ(Lines(), fault.lines) << Describe();
     EXPECT_TRUE(IsCertainThenPrefix(Power(), fault.power, fault.powerMayFollow))
         << "power lines:\n"
