@@ -1,0 +1,148 @@
+// The simulated device itself, which the end-to-end tests, the benchmarks and the demo stand
+// on: deterministic update files, a destructor that leaves nothing behind even when a host was
+// killed with the storage mounted, and modemloader-demo run as `./run demo` runs it.
+
+#include <dirent.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <fstream>
+#include <iterator>
+
+#include "EndToEndTest.h"
+#include "ProgramRun.h"
+
+namespace {
+
+bool Exists(const std::string& path) {
+    struct stat status {};
+    return ::stat(path.c_str(), &status) == 0;
+}
+
+// Loop devices whose backing file lies under `folder` (a removed file reads "... (deleted)").
+std::vector<std::string> LoopDevicesUnder(const std::string& folder) {
+    std::vector<std::string> devices;
+    for (int index = 0; index < 256; ++index) {
+        std::ifstream backing("/sys/block/loop" + std::to_string(index) + "/loop/backing_file");
+        std::string file;
+        if (std::getline(backing, file) && file.rfind(folder + "/", 0) == 0) {
+            devices.push_back("/dev/loop" + std::to_string(index));
+        }
+    }
+    return devices;
+}
+
+// Processes whose command line names something under `folder` (modem-sim names its link there).
+int ProcessesNaming(const std::string& folder) {
+    int count = 0;
+    DIR* processes = ::opendir("/proc");
+    if (processes == nullptr) {
+        return -1;
+    }
+    while (const dirent* entry = ::readdir(processes)) {
+        std::ifstream file(std::string("/proc/") + entry->d_name + "/cmdline", std::ios::binary);
+        std::string commandLine((std::istreambuf_iterator<char>(file)),
+                                std::istreambuf_iterator<char>());
+        if (commandLine.find(folder + "/") != std::string::npos) {
+            ++count;
+        }
+    }
+    ::closedir(processes);
+    return count;
+}
+
+bool MountedUnder(const std::string& folder) {
+    std::ifstream table("/proc/self/mountinfo");
+    std::string line;
+    while (std::getline(table, line)) {
+        if (line.find(" " + folder + "/") != std::string::npos) {
+            return true;
+        }
+    }
+    return false;
+}
+
+class SimulatedDeviceTest : public EndToEndTest {};
+
+TEST_F(SimulatedDeviceTest, TheUpdateFilesAreTheSameForTheSameSeed) {
+    TDeviceSettings settings;
+    settings.controlPin = false;  // no modem needed
+    settings.firmwareBytes = 5000;
+    std::unique_ptr<CSimulatedDevice> first;
+    std::unique_ptr<CSimulatedDevice> second;
+    ASSERT_TRUE(CSimulatedDevice::Create(settings, first).IsOk());
+    ASSERT_TRUE(CSimulatedDevice::Create(settings, second).IsOk());
+    settings.seed = 2;
+    std::unique_ptr<CSimulatedDevice> other;
+    ASSERT_TRUE(CSimulatedDevice::Create(settings, other).IsOk());
+
+    EXPECT_EQ(first->Firmware().size(), 5000u);
+    EXPECT_EQ(first->Loader().size(), 1024u);
+    EXPECT_TRUE(first->Firmware() == second->Firmware());
+    EXPECT_TRUE(first->Loader() == second->Loader());
+    EXPECT_FALSE(first->Firmware() == other->Firmware());
+    EXPECT_FALSE(first->Loader() == first->Firmware().substr(0, 1024));
+    // The loader download must not be taken for a late sync probe.
+    EXPECT_NE(first->Loader()[0], '\x16');
+
+    std::string written;
+    ASSERT_TRUE(ReadWholeFile(first->FirmwareSource(), written).IsOk());
+    EXPECT_TRUE(written == first->Firmware());
+}
+
+TEST_F(SimulatedDeviceTest, DestroyingItUnmountsDetachesStopsTheModemAndRemovesItsDirectory) {
+    // As a host killed during Prepare leaves it: the storage mounted through a loop device.
+    MakeDevice(TDeviceSettings());
+    ASSERT_FALSE(HasFatalFailure());
+    const std::string directory = m_device->Directory();
+    TProgramOptions options;
+    options.timeout = std::chrono::seconds(30);
+    const TProgramResult mounted = CProgramRun::Run(
+        {"mount", "-o", "loop", m_device->Image(), m_device->MountPoint()}, options);
+    ASSERT_EQ(mounted.exitCode, 0) << DescribeRun(mounted);
+    ASSERT_TRUE(m_device->IsStorageMounted());
+    ASSERT_EQ(m_device->AttachedLoopDevices().size(), 1u);
+    ASSERT_TRUE(Exists(m_device->SerialLink())) << "the modem is running";
+    ASSERT_EQ(ProcessesNaming(directory), 1) << "modem-sim";
+
+    m_device.reset();
+
+    EXPECT_FALSE(MountedUnder(directory));
+    EXPECT_EQ(LoopDevicesUnder(directory), std::vector<std::string>());
+    EXPECT_FALSE(Exists(directory));
+    EXPECT_EQ(ProcessesNaming(directory), 0) << "modem-sim outlived its device";
+}
+
+TEST_F(SimulatedDeviceTest, TheDemoFlashesTheModemChecksAndCleansUp) {
+    TProgramOptions options;
+    options.timeout = std::chrono::seconds(120);
+    const TProgramResult demo =
+        CProgramRun::Run({MODEMLOADER_DEMO, "--firmware-bytes", "60000"}, options);
+    ASSERT_EQ(demo.exitCode, 0) << DescribeRun(demo);
+    for (const char* line :
+         {"  [ ok ] modemloader-host exit status 0\n",
+          "  [ ok ] the modem's flash equals the firmware, 60000 of 60000 bytes\n",
+          "  [ ok ] the storage records revision 124\n", "  [ ok ] nothing mounted under it\n",
+          "  [ ok ] no loop device attached to its storage\n",
+          "  firmware       60000 bytes in 3 chunks of 25600\n"}) {
+        EXPECT_NE(demo.out.find(line), std::string::npos) << line << DescribeRun(demo);
+    }
+    const std::string passed = "\ndemo passed\n";
+    EXPECT_EQ(demo.out.substr(demo.out.size() - std::min(demo.out.size(), passed.size())), passed);
+    EXPECT_EQ(demo.out.find("FAIL"), std::string::npos) << demo.out;
+}
+
+TEST_F(SimulatedDeviceTest, TheDemoExplainsItselfAndRefusesBadOptions) {
+    const TProgramResult help = CProgramRun::Run({MODEMLOADER_DEMO, "--help"});
+    EXPECT_EQ(help.exitCode, 0) << DescribeRun(help);
+    EXPECT_EQ(help.out.rfind("usage: modemloader-demo [--firmware-bytes N]", 0), 0u) << help.out;
+
+    const TProgramResult bad = CProgramRun::Run({MODEMLOADER_DEMO, "--tick-ms", "fast"});
+    EXPECT_EQ(bad.exitCode, 2) << DescribeRun(bad);
+    EXPECT_EQ(bad.err,
+              "modemloader-demo: --tick-ms: 'fast' is not a whole number (see modemloader-demo "
+              "--help)\n");
+    EXPECT_EQ(bad.out, "");
+}
+
+}  // namespace
