@@ -1,5 +1,6 @@
 #include "ResultTable.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <sstream>
 
@@ -13,7 +14,16 @@ std::string CResultTable::Markdown() const {
     std::ostringstream table;
     table << "| # | Figure | Median | Min | Max | Runs | Limit | Ratio |\n"
           << "|---|---|---:|---:|---:|---:|---|---:|\n";
+    // In the order of docs/performance.md, whatever order the figures were measured in.
+    std::vector<const TResultRow*> rows;
     for (const TResultRow& row : m_rows) {
+        rows.push_back(&row);
+    }
+    std::stable_sort(rows.begin(), rows.end(), [](const TResultRow* left, const TResultRow* right) {
+        return left->number < right->number;
+    });
+    for (const TResultRow* entry : rows) {
+        const TResultRow& row = *entry;
         const double median = row.samples.Median();
         // Three decimals read well near 1; a figure far below its limit keeps two digits.
         const double share = row.limit > 0 ? median / row.limit : 0.0;
