@@ -322,7 +322,6 @@ public:
             m_survived = false;
         }
     }
-    bool Survived() const { return m_survived; }
 
     // What the kill left, for the point's line in the test's output.
     void Left(const std::string& state) { m_left = state; }
