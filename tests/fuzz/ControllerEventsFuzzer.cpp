@@ -23,6 +23,7 @@
 #include <string>
 #include <vector>
 
+#include "ExportLeftovers.h"
 #include "FdtExportInterposer.h"
 #include "FuzzDevice.h"
 #include "FuzzInput.h"
@@ -173,6 +174,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
         device.JoinPowerWorkers();
     }
     FdtExportUse(eFdtExportMissing, nullptr);
+    static CExportLeftovers leftovers({kHasGprs, kNoGprs});
+    leftovers.Reclaim();
     CheckPublished(broker, name);
     return 0;
 }

@@ -3,23 +3,17 @@
 // a corrupt one must give an answer, not a crash.
 //
 // The check keeps the export's descriptor and mapping open for the life of the process, by
-// design (it runs once per install request). A fuzzing process asks it millions of times, so
-// after each call the harness closes the descriptors and unmaps the mappings of its own blob
-// file, which it finds in /proc/self; nothing else of the process is touched.
+// design; CExportLeftovers releases them after each input.
 
-#include <dirent.h>
 #include <fcntl.h>
-#include <sys/mman.h>
 #include <unistd.h>
 
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
-#include <sstream>
 #include <string>
-#include <vector>
 
+#include "ExportLeftovers.h"
 #include "FdtExportInterposer.h"
 #include "InterfaceBroker.h"
 #include "LogCapture.h"
@@ -80,46 +74,6 @@ void WriteBlob(const uint8_t* data, std::size_t size) {
     close(descriptor);
 }
 
-// Closes the descriptors and unmaps the mappings that the check left on the blob file.
-void ReclaimExport() {
-    const std::string& path = BlobPath();
-    std::ifstream maps("/proc/self/maps");
-    std::string line;
-    std::vector<std::pair<uintptr_t, uintptr_t>> ranges;
-    while (std::getline(maps, line)) {
-        if (line.size() < path.size() ||
-            line.compare(line.size() - path.size(), path.size(), path) != 0) {
-            continue;
-        }
-        std::istringstream fields(line);
-        uintptr_t start = 0;
-        uintptr_t end = 0;
-        char dash = 0;
-        fields >> std::hex >> start >> dash >> end;
-        ranges.emplace_back(start, end);
-    }
-    for (const auto& [start, end] : ranges) {
-        munmap(reinterpret_cast<void*>(start), end - start);
-    }
-    DIR* descriptors = opendir("/proc/self/fd");
-    if (descriptors == nullptr) {
-        Violation("cannot list /proc/self/fd");
-    }
-    std::vector<int> toClose;
-    while (dirent* entry = readdir(descriptors)) {
-        const std::string link = std::string("/proc/self/fd/") + entry->d_name;
-        char target[4096];
-        const ssize_t length = readlink(link.c_str(), target, sizeof target - 1);
-        if (length > 0 && std::string(target, static_cast<std::size_t>(length)) == path) {
-            toClose.push_back(std::atoi(entry->d_name));
-        }
-    }
-    closedir(descriptors);
-    for (int descriptor : toClose) {
-        close(descriptor);
-    }
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
@@ -143,6 +97,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
             Violation("the answer and the log disagree");
         }
     }
-    ReclaimExport();
+    static CExportLeftovers leftovers({BlobPath()});
+    leftovers.Reclaim();
     return 0;
 }

@@ -30,8 +30,9 @@ namespace {
 
 using namespace fuzzdevice;
 
-// Erase (60 ticks) and the write's time-out (60 ticks after the last chunk) plus one tick per
-// reply byte that keeps the write alive: no complete run needs more.
+// Room for the erase's 60 wait ticks, three chunks and the write's 60-tick time-out, with some to
+// spare. A run that needs more (a modem that keeps answering "." to every status read) is cut
+// off here: it would only repeat the same tick.
 constexpr unsigned kTickBudget = 200;
 
 constexpr uint32_t kFirmwareSizes[] = {0, 1, 300, 25600, 51500};
@@ -51,14 +52,19 @@ const CPluginState& PluginState() {
 
 // Invariants of the loader contract that hold for every modem: one Completed at most, and
 // progress never rising.
+[[noreturn]] void Violation(const char* what) {
+    std::fprintf(stderr, "modem replies: %s\n", what);
+    std::abort();
+}
+
 void CheckCallbacks(const CRecordingLoaderCallback& callback) {
     if (callback.CompletedCount() > 1) {
-        std::abort();
+        Violation("the run completed more than once");
     }
     unsigned previous = 100;
     for (unsigned remaining : callback.ProgressRemaining()) {
         if (remaining > previous) {
-            std::abort();
+            Violation("the remaining work rose");
         }
         previous = remaining;
     }
