@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <chrono>
 
-#include "ProgramRun.h"
+#include "ChildProcess.h"
 #include "PseudoRandomBytes.h"
 
 namespace {
@@ -51,14 +51,14 @@ CStatus CCopyBenchmark::Prepare(std::size_t fileCount, std::size_t fileBytes) {
     }
     const std::string image = m_directory.Join("storage.img");
     const std::size_t imageBytes = fileCount * fileBytes + kImageMarginBytes;
-    TProgramOptions options;
+    TChildOptions options;
     options.timeout = std::chrono::seconds(120);
-    const TProgramResult made =
-        CProgramRun::Run({"mkfs.ext4", "-q", "-F", "-E", "lazy_itable_init=0,lazy_journal_init=0",
+    const TChildResult made =
+        CChildProcess::Run({"mkfs.ext4", "-q", "-F", "-E", "lazy_itable_init=0,lazy_journal_init=0",
                           image, std::to_string(imageBytes / 1024) + "k"},
                          options);
     if (made.exitCode != 0) {
-        return CStatus::Failure("mkfs.ext4 " + image + ": " + DescribeRun(made));
+        return CStatus::Failure("mkfs.ext4 " + image + ": " + Describe(made));
     }
     m_fileHandler = std::make_unique<CLinuxFileHandler>(std::map<int, std::string>{{2, "ext4"}});
     if (m_fileHandler->Mount(Bytes(image), Bytes(m_mountPoint), kStorageFormat) != 0) {
@@ -125,14 +125,14 @@ CStatus CCopyBenchmark::CopyWithCp(double& seconds) {
     std::vector<std::string> command{"cp"};
     command.insert(command.end(), m_sources.begin(), m_sources.end());
     command.push_back(m_targetFolder + "/");
-    TProgramOptions options;
+    TChildOptions options;
     options.timeout = std::chrono::seconds(300);
     const auto start = std::chrono::steady_clock::now();
-    const TProgramResult copied = CProgramRun::Run(command, options);
+    const TChildResult copied = CChildProcess::Run(command, options);
     m_fileHandler->Sync();
     seconds = SecondsSince(start);
     if (copied.exitCode != 0) {
-        return CStatus::Failure("cp: " + DescribeRun(copied));
+        return CStatus::Failure("cp: " + Describe(copied));
     }
     return CheckCopies();
 }

@@ -5,7 +5,7 @@
 
 #include <sstream>
 
-#include "ProgramRun.h"
+#include "ChildProcess.h"
 
 namespace {
 CStatus FileBytes(const std::string& path, std::size_t& bytes) {
@@ -43,9 +43,9 @@ CStatus CFootprintMeasure::Measure(const std::string& plugin, const std::string&
         return status;
     }
     const std::string stripped = scratchFolder + "/libmodemloader.stripped.so";
-    const TProgramResult strip = CProgramRun::Run({"strip", "-o", stripped, plugin});
+    const TChildResult strip = CChildProcess::Run({"strip", "-o", stripped, plugin});
     if (strip.exitCode != 0) {
-        return CStatus::Failure("strip " + plugin + ": " + DescribeRun(strip));
+        return CStatus::Failure("strip " + plugin + ": " + Describe(strip));
     }
     if (CStatus status = FileBytes(stripped, footprint.strippedBytes); !status) {
         return status;
@@ -54,9 +54,9 @@ CStatus CFootprintMeasure::Measure(const std::string& plugin, const std::string&
     // ldd prints "libfdt.so.1 => /lib/x86_64-linux-gnu/libfdt.so.1 (0x...)" for a library
     // found by name and "/lib64/ld-linux-x86-64.so.2 (0x...)" for the dynamic loader; the
     // kernel's vDSO has no file.
-    const TProgramResult ldd = CProgramRun::Run({"ldd", plugin});
+    const TChildResult ldd = CChildProcess::Run({"ldd", plugin});
     if (ldd.exitCode != 0) {
-        return CStatus::Failure("ldd " + plugin + ": " + DescribeRun(ldd));
+        return CStatus::Failure("ldd " + plugin + ": " + Describe(ldd));
     }
     std::istringstream lines(ldd.out);
     std::string line;

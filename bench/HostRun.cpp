@@ -13,7 +13,7 @@
 #include <fstream>
 #include <thread>
 
-#include "ProgramRun.h"
+#include "ChildProcess.h"
 
 namespace {
 constexpr auto kSampleInterval = std::chrono::milliseconds(1);

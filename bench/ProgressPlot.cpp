@@ -2,7 +2,7 @@
 
 #include <fstream>
 
-#include "ProgramRun.h"
+#include "ChildProcess.h"
 
 namespace {
 constexpr int kInstallRequest = 204;
@@ -69,9 +69,9 @@ CStatus CProgressPlot::Write(const TUpdateMeasurement& run, double lineBytesPerS
     if (!commands) {
         return CStatus::Failure("writing " + script);
     }
-    const TProgramResult plotted = CProgramRun::Run({"gnuplot", script});
+    const TChildResult plotted = CChildProcess::Run({"gnuplot", script});
     if (plotted.exitCode != 0) {
-        return CStatus::Failure("gnuplot " + script + ": " + DescribeRun(plotted));
+        return CStatus::Failure("gnuplot " + script + ": " + Describe(plotted));
     }
     return CStatus::Ok();
 }

@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -11,33 +12,52 @@
 #include <cstring>
 #include <map>
 
+#include "UniqueFd.h"
+
 extern char** environ;
 
 namespace {
-// Owns one descriptor of the parent's side.
-class CDescriptor {
-public:
-    explicit CDescriptor(int descriptor = -1) : m_descriptor(descriptor) {}
-    ~CDescriptor() { Close(); }
-    CDescriptor(const CDescriptor&) = delete;
-    CDescriptor& operator=(const CDescriptor&) = delete;
-    int Get() const { return m_descriptor; }
-    void Reset(int descriptor) {
-        Close();
-        m_descriptor = descriptor;
+std::vector<char*> Pointers(std::vector<std::string>& strings) {
+    std::vector<char*> pointers;
+    for (std::string& text : strings) {
+        pointers.push_back(text.data());
     }
-    void Close() {
-        if (m_descriptor >= 0) {
-            ::close(m_descriptor);
-            m_descriptor = -1;
-        }
+    pointers.push_back(nullptr);
+    return pointers;
+}
+
+std::string SystemFailure(const std::string& what) { return what + ": " + std::strerror(errno); }
+
+// A pseudo-terminal for the child's standard output: we read the master, the child writes the
+// slave.
+bool OpenTerminal(CUniqueFd& master, CUniqueFd& slave, std::string& error) {
+    master.Reset(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
+    if (!master.IsValid() || ::grantpt(master.Get()) != 0 || ::unlockpt(master.Get()) != 0) {
+        error = SystemFailure("pseudo-terminal");
+        return false;
     }
+    char name[128];
+    if (::ptsname_r(master.Get(), name, sizeof name) != 0) {
+        error = SystemFailure("ptsname");
+        return false;
+    }
+    slave.Reset(::open(name, O_RDWR | O_NOCTTY | O_CLOEXEC));
+    if (!slave.IsValid()) {
+        error = SystemFailure(std::string("open ") + name);
+        return false;
+    }
+    return true;
+}
 
-private:
-    int m_descriptor;
-};
+int WaitForChild(pid_t child) {
+    int status = 0;
+    while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
+    return status;
+}
+}  // namespace
 
-std::vector<std::string> Environment(const std::vector<std::string>& extra) {
+std::vector<std::string> MergedEnvironment(const std::vector<std::string>& extra) {
     std::map<std::string, std::string> variables;
     std::vector<std::string> order;
     const auto add = [&](const std::string& entry) {
@@ -53,24 +73,12 @@ std::vector<std::string> Environment(const std::vector<std::string>& extra) {
     for (const std::string& entry : extra) {
         add(entry);
     }
-    std::vector<std::string> result;
+    std::vector<std::string> merged;
     for (const std::string& name : order) {
-        result.push_back(variables[name]);
+        merged.push_back(variables[name]);
     }
-    return result;
+    return merged;
 }
-
-std::vector<char*> Pointers(std::vector<std::string>& strings) {
-    std::vector<char*> pointers;
-    for (std::string& text : strings) {
-        pointers.push_back(text.data());
-    }
-    pointers.push_back(nullptr);
-    return pointers;
-}
-
-std::string Failure(const std::string& what) { return what + ": " + std::strerror(errno); }
-}  // namespace
 
 TChildResult CChildProcess::Run(const std::vector<std::string>& arguments,
                                 const TChildOptions& options) {
@@ -79,88 +87,75 @@ TChildResult CChildProcess::Run(const std::vector<std::string>& arguments,
         result.error = "no program given";
         return result;
     }
-    int errPipe[2];
-    if (::pipe2(errPipe, O_CLOEXEC) != 0) {
-        result.error = Failure("pipe");
-        return result;
-    }
-    CDescriptor errRead(errPipe[0]);
-    CDescriptor errWrite(errPipe[1]);
-    CDescriptor outRead;
-    CDescriptor outWrite;
-    if (options.stdoutOnTerminal) {
-        const int master = ::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
-        if (master < 0 || ::grantpt(master) != 0 || ::unlockpt(master) != 0) {
-            result.error = Failure("pseudo-terminal");
-            if (master >= 0) {
-                ::close(master);
+    CUniqueFd outRead, outWrite, errRead, errWrite;
+    if (options.captureOutput) {
+        int errPipe[2];
+        if (::pipe2(errPipe, O_CLOEXEC) != 0) {
+            result.error = SystemFailure("pipe");
+            return result;
+        }
+        errRead.Reset(errPipe[0]);
+        errWrite.Reset(errPipe[1]);
+        if (options.stdoutOnTerminal) {
+            if (!OpenTerminal(outRead, outWrite, result.error)) {
+                return result;
             }
-            return result;
+        } else {
+            int outPipe[2];
+            if (::pipe2(outPipe, O_CLOEXEC) != 0) {
+                result.error = SystemFailure("pipe");
+                return result;
+            }
+            outRead.Reset(outPipe[0]);
+            outWrite.Reset(outPipe[1]);
         }
-        outRead.Reset(master);
-        char name[128];
-        if (::ptsname_r(master, name, sizeof name) != 0) {
-            result.error = Failure("ptsname");
-            return result;
-        }
-        outWrite.Reset(::open(name, O_RDWR | O_NOCTTY | O_CLOEXEC));
-        if (outWrite.Get() < 0) {
-            result.error = Failure(std::string("open ") + name);
-            return result;
-        }
-    } else {
-        int outPipe[2];
-        if (::pipe2(outPipe, O_CLOEXEC) != 0) {
-            result.error = Failure("pipe");
-            return result;
-        }
-        outRead.Reset(outPipe[0]);
-        outWrite.Reset(outPipe[1]);
     }
-    CDescriptor input(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+    CUniqueFd input(::open("/dev/null", O_RDONLY | O_CLOEXEC));
 
-    // Everything the child needs is prepared before fork: after it only async-signal-safe calls.
+    // Everything the child needs is made before fork: after it only async-signal-safe calls.
     std::vector<std::string> argumentStrings = arguments;
     std::vector<char*> argv = Pointers(argumentStrings);
-    std::vector<std::string> environmentStrings = Environment(options.extraEnvironment);
+    std::vector<std::string> environmentStrings = MergedEnvironment(options.extraEnvironment);
     std::vector<char*> envp = Pointers(environmentStrings);
-    const std::string program = arguments[0];
-    const bool searchPath = program.find('/') == std::string::npos;
+    const bool searchPath = arguments[0].find('/') == std::string::npos;
     const char* directory =
         options.workingDirectory.empty() ? nullptr : options.workingDirectory.c_str();
 
+    const auto start = std::chrono::steady_clock::now();
     const pid_t child = ::fork();
     if (child < 0) {
-        result.error = Failure("fork");
+        result.error = SystemFailure("fork");
         return result;
     }
     if (child == 0) {
         ::dup2(input.Get(), STDIN_FILENO);
-        ::dup2(outWrite.Get(), STDOUT_FILENO);
-        ::dup2(errWrite.Get(), STDERR_FILENO);
+        if (outWrite.IsValid()) {
+            ::dup2(outWrite.Get(), STDOUT_FILENO);
+            ::dup2(errWrite.Get(), STDERR_FILENO);
+        }
         if (directory != nullptr && ::chdir(directory) != 0) {
             ::_exit(127);
         }
         if (searchPath) {
-            ::execvpe(program.c_str(), argv.data(), envp.data());
+            ::execvpe(argv[0], argv.data(), envp.data());
         } else {
-            ::execve(program.c_str(), argv.data(), envp.data());
+            ::execve(argv[0], argv.data(), envp.data());
         }
-        const char message[] = "ChildProcess: exec failed\n";
-        [[maybe_unused]] const ssize_t written =
-            ::write(STDERR_FILENO, message, sizeof message - 1);
         ::_exit(127);
     }
     result.started = true;
-    outWrite.Close();
-    errWrite.Close();
-    input.Close();
+    outWrite.Reset();
+    errWrite.Reset();
+    input.Reset();
 
-    const auto deadline = std::chrono::steady_clock::now() + options.timeout;
-    bool outOpen = true;
-    bool errOpen = true;
-    char buffer[4096];
-    while (outOpen || errOpen) {
+    // Waits on the child's exit through a process descriptor, and on its output while captured.
+    CUniqueFd processFd(static_cast<int>(::syscall(SYS_pidfd_open, child, 0)));
+    const auto deadline = start + options.timeout;
+    bool outOpen = outRead.IsValid();
+    bool errOpen = errRead.IsValid();
+    bool exited = false;
+    char buffer[8192];
+    while (outOpen || errOpen || !exited) {
         const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
             deadline - std::chrono::steady_clock::now());
         if (left.count() <= 0) {
@@ -168,13 +163,25 @@ TChildResult CChildProcess::Run(const std::vector<std::string>& arguments,
             ::kill(child, SIGKILL);
             break;
         }
-        pollfd descriptors[2] = {{outOpen ? outRead.Get() : -1, POLLIN, 0},
-                                 {errOpen ? errRead.Get() : -1, POLLIN, 0}};
-        const int ready = ::poll(descriptors, 2, static_cast<int>(left.count()));
-        if (ready < 0 && errno != EINTR) {
+        pollfd descriptors[3] = {{outOpen ? outRead.Get() : -1, POLLIN, 0},
+                                 {errOpen ? errRead.Get() : -1, POLLIN, 0},
+                                 {exited ? -1 : processFd.Get(), POLLIN, 0}};
+        if (!processFd.IsValid()) {
+            // Without process descriptors the output's end stands for the exit.
+            exited = true;
+            descriptors[2].fd = -1;
+        }
+        const int ready = ::poll(descriptors, 3, static_cast<int>(left.count()));
+        if (ready < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
             break;
         }
-        for (int index = 0; index < 2 && ready > 0; ++index) {
+        if (descriptors[2].revents != 0) {
+            exited = true;
+        }
+        for (int index = 0; index < 2; ++index) {
             if (descriptors[index].revents == 0) {
                 continue;
             }
@@ -188,9 +195,9 @@ TChildResult CChildProcess::Run(const std::vector<std::string>& arguments,
             }
         }
     }
-    int status = 0;
-    while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
-    }
+    const int status = WaitForChild(child);
+    result.seconds =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     if (WIFEXITED(status)) {
         result.exitCode = WEXITSTATUS(status);
     } else if (WIFSIGNALED(status)) {
@@ -200,13 +207,17 @@ TChildResult CChildProcess::Run(const std::vector<std::string>& arguments,
 }
 
 std::string Describe(const TChildResult& result) {
-    std::string text = result.started ? "" : "not started: " + result.error + "\n";
+    std::string text = result.started ? "" : "not started: " + result.error + "; ";
     if (result.timedOut) {
-        text += "timed out\n";
+        text += "killed after its time-out; ";
     }
-    text += "exit code " + std::to_string(result.exitCode);
-    if (result.signal != 0) {
-        text += ", signal " + std::to_string(result.signal);
+    text += result.signal != 0 ? "killed by signal " + std::to_string(result.signal)
+                               : "exit code " + std::to_string(result.exitCode);
+    if (!result.out.empty()) {
+        text += "\n--- stdout:\n" + result.out;
     }
-    return text + "\n--- stdout:\n" + result.out + "--- stderr:\n" + result.err;
+    if (!result.err.empty()) {
+        text += "\n--- stderr:\n" + result.err;
+    }
+    return text;
 }

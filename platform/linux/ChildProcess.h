@@ -1,9 +1,11 @@
 #pragma once
-// Runs a program as a child process for end-to-end tests: captures its stdout and stderr and its
-// exit status, and kills it when it outlives a time-out (so a hang fails the test instead of
-// stalling it). Standard output can be a pseudo-terminal instead of a pipe, for programs that
-// behave differently on a terminal; the terminal's output processing then turns "\n" into
-// "\r\n". Standard input is /dev/null.
+// Runs a program as a child process to its end: the simulated device's tools (mkfs.ext4,
+// debugfs, the modem emulator's host), the host program under test, the benchmarks' runs.
+// Its output is captured, or left on our own standard output and error for a person to watch;
+// standard output can also be a pseudo-terminal, for programs that behave differently on a
+// terminal (the terminal's output processing then turns "\n" into "\r\n"). A child that outlives
+// its time-out is killed, so a hung program fails its caller instead of stalling it. Standard
+// input is /dev/null.
 
 #include <chrono>
 #include <string>
@@ -11,7 +13,8 @@
 
 struct TChildOptions {
     std::chrono::milliseconds timeout{30000};
-    bool stdoutOnTerminal = false;
+    bool captureOutput = true;                  // false: the child writes to our stdout and stderr
+    bool stdoutOnTerminal = false;              // with captureOutput: stdout is a pseudo-terminal
     std::vector<std::string> extraEnvironment;  // "NAME=value", added to (or replacing) ours
     std::string workingDirectory;               // empty: ours
 };
@@ -21,9 +24,10 @@ struct TChildResult {
     bool timedOut = false;  // killed after the time-out
     int exitCode = -1;      // the exit status when it exited normally, else -1
     int signal = 0;         // the signal that ended it, else 0
-    std::string out;        // everything written to standard output
-    std::string err;        // everything written to standard error
+    std::string out;        // everything written to standard output, when captured
+    std::string err;        // everything written to standard error, when captured
     std::string error;      // why it could not be run
+    double seconds = 0;     // from start to end
 };
 
 class CChildProcess {
@@ -33,5 +37,8 @@ public:
                             const TChildOptions& options = TChildOptions());
 };
 
-// For failure messages: exit status, and both streams.
+// For failure messages: how it ended, and both streams.
 std::string Describe(const TChildResult& result);
+
+// The environment of this process with `extra` ("NAME=value") added or replacing.
+std::vector<std::string> MergedEnvironment(const std::vector<std::string>& extra);

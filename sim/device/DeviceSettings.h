@@ -72,7 +72,7 @@ struct TUpdateOptions {
 struct TUpdateResult {
     int exitCode = -1;                  // the host's exit status; -1 when it did not exit normally
     int signal = 0;                     // the signal that ended it
-    bool killed = false;                // it outlived its time-out by far and was killed
+    bool timedOut = false;              // it outlived its time-out by far and was killed
     std::string out;                    // its standard output (empty with showOutput)
     std::string err;                    // its standard error (empty with showOutput)
     double seconds = 0;                 // wall time of the host process

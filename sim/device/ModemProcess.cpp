@@ -10,7 +10,7 @@
 #include <cstring>
 #include <thread>
 
-#include "ProgramRun.h"
+#include "ChildProcess.h"
 #include "ScratchDirectory.h"
 
 namespace {

@@ -11,7 +11,7 @@
 #include <sstream>
 #include <thread>
 
-#include "ProgramRun.h"
+#include "ChildProcess.h"
 #include "PseudoRandomBytes.h"
 
 namespace {
@@ -67,15 +67,15 @@ bool IsMountPoint(const std::string& path) {
 }
 
 bool InPath(const std::string& program) {
-    TProgramOptions options;
+    TChildOptions options;
     options.timeout = std::chrono::seconds(10);
-    return CProgramRun::Run({"sh", "-c", "command -v " + program}, options).exitCode == 0;
+    return CChildProcess::Run({"sh", "-c", "command -v " + program}, options).exitCode == 0;
 }
 
-TProgramResult RunTool(const std::vector<std::string>& arguments) {
-    TProgramOptions options;
+TChildResult RunTool(const std::vector<std::string>& arguments) {
+    TChildOptions options;
     options.timeout = std::chrono::seconds(60);
-    return CProgramRun::Run(arguments, options);
+    return CChildProcess::Run(arguments, options);
 }
 
 std::string DeviceTreeName(TDeviceTree tree) {
@@ -223,10 +223,10 @@ CStatus CSimulatedDevice::MakeStorage() {
     // Room for the archive loader's copies of the update beside the file system's own needs.
     const std::size_t needed = 2 * (m_loader.size() + m_firmware.size()) + (8u << 20);
     const std::size_t bytes = std::max(m_settings.storageBytes, needed);
-    const TProgramResult made = RunTool({"mkfs.ext4", "-q", "-F", "-d", PathOf("storage-content"),
+    const TChildResult made = RunTool({"mkfs.ext4", "-q", "-F", "-d", PathOf("storage-content"),
                                          Image(), std::to_string(bytes / 1024) + "k"});
     if (made.exitCode != 0) {
-        return CStatus::Failure("mkfs.ext4 " + Image() + ": " + DescribeRun(made));
+        return CStatus::Failure("mkfs.ext4 " + Image() + ": " + Describe(made));
     }
     return CStatus::Ok();
 }
@@ -333,25 +333,25 @@ std::vector<std::string> CSimulatedDevice::HostEnvironment() const {
 
 CStatus CSimulatedDevice::RunUpdate(const TUpdateOptions& options, TUpdateResult& result) {
     result = TUpdateResult();
-    TProgramOptions programOptions;
+    TChildOptions programOptions;
     programOptions.captureOutput = !options.showOutput;
     programOptions.extraEnvironment = HostEnvironment();
     programOptions.timeout = std::chrono::milliseconds(
         static_cast<long long>((options.timeoutSeconds + kHostGraceSeconds) * 1000));
-    const TProgramResult run = CProgramRun::Run(HostArguments(options), programOptions);
+    const TChildResult run = CChildProcess::Run(HostArguments(options), programOptions);
     if (!run.started) {
         return CStatus::Failure("running " + m_programs.host + ": " + run.error);
     }
     result.exitCode = run.exitCode;
     result.signal = run.signal;
-    result.killed = run.killed;
+    result.timedOut = run.timedOut;
     result.out = run.out;
     result.err = run.err;
     result.seconds = run.seconds;
 
     std::ifstream trace(TraceFile());
     if (!trace) {
-        return CStatus::Failure("the host wrote no trace " + TraceFile() + ": " + DescribeRun(run));
+        return CStatus::Failure("the host wrote no trace " + TraceFile() + ": " + Describe(run));
     }
     std::string line;
     while (std::getline(trace, line)) {
@@ -380,13 +380,13 @@ CStatus CSimulatedDevice::ReadFlash(std::string& content) const {
 CStatus CSimulatedDevice::ReadStorageFile(const std::string& relativePath,
                                           std::string& content) const {
     // "stat" finds only an existing inode; "cat" prints nothing for a missing one.
-    const TProgramResult found = RunTool({"debugfs", "-R", "stat /" + relativePath, Image()});
+    const TChildResult found = RunTool({"debugfs", "-R", "stat /" + relativePath, Image()});
     if (found.exitCode != 0 || found.out.find("Inode:") == std::string::npos) {
         return CStatus::Failure("no " + relativePath + " on " + Image());
     }
-    const TProgramResult read = RunTool({"debugfs", "-R", "cat /" + relativePath, Image()});
+    const TChildResult read = RunTool({"debugfs", "-R", "cat /" + relativePath, Image()});
     if (read.exitCode != 0) {
-        return CStatus::Failure("debugfs cat /" + relativePath + ": " + DescribeRun(read));
+        return CStatus::Failure("debugfs cat /" + relativePath + ": " + Describe(read));
     }
     content = read.out;
     return CStatus::Ok();
@@ -394,7 +394,7 @@ CStatus CSimulatedDevice::ReadStorageFile(const std::string& relativePath,
 
 std::vector<std::string> CSimulatedDevice::ListStorageFolder(
     const std::string& relativePath) const {
-    const TProgramResult listing = RunTool({"debugfs", "-R", "ls -p /" + relativePath, Image()});
+    const TChildResult listing = RunTool({"debugfs", "-R", "ls -p /" + relativePath, Image()});
     // One entry a line: /inode/mode/uid/gid/name/size/
     std::vector<std::string> names;
     std::istringstream lines(listing.out);

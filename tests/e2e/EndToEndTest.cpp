@@ -23,7 +23,7 @@ void EndToEndTest::RunUpdate(const TUpdateOptions& options) {
     ASSERT_NE(m_device, nullptr);
     const CStatus ran = m_device->RunUpdate(options, m_result);
     ASSERT_TRUE(ran.IsOk()) << ran.Message() << "\n" << Describe();
-    ASSERT_FALSE(m_result.killed) << "the host outlived its own time-out\n" << Describe();
+    ASSERT_FALSE(m_result.timedOut) << "the host outlived its own time-out\n" << Describe();
 }
 
 std::vector<std::string> EndToEndTest::Lines() const {

@@ -37,8 +37,8 @@
 #include <thread>
 #include <vector>
 
+#include "ChildProcess.h"
 #include "ModemProcess.h"
-#include "ProgramRun.h"
 #include "SimulatedDevice.h"
 
 namespace {

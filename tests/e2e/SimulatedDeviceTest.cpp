@@ -9,8 +9,8 @@
 #include <fstream>
 #include <iterator>
 
+#include "ChildProcess.h"
 #include "EndToEndTest.h"
-#include "ProgramRun.h"
 
 namespace {
 
@@ -95,11 +95,11 @@ TEST_F(SimulatedDeviceTest, DestroyingItUnmountsDetachesStopsTheModemAndRemovesI
     MakeDevice(TDeviceSettings());
     ASSERT_FALSE(HasFatalFailure());
     const std::string directory = m_device->Directory();
-    TProgramOptions options;
+    TChildOptions options;
     options.timeout = std::chrono::seconds(30);
-    const TProgramResult mounted = CProgramRun::Run(
+    const TChildResult mounted = CChildProcess::Run(
         {"mount", "-o", "loop", m_device->Image(), m_device->MountPoint()}, options);
-    ASSERT_EQ(mounted.exitCode, 0) << DescribeRun(mounted);
+    ASSERT_EQ(mounted.exitCode, 0) << ::Describe(mounted);
     ASSERT_TRUE(m_device->IsStorageMounted());
     ASSERT_EQ(m_device->AttachedLoopDevices().size(), 1u);
     ASSERT_TRUE(Exists(m_device->SerialLink())) << "the modem is running";
@@ -114,18 +114,18 @@ TEST_F(SimulatedDeviceTest, DestroyingItUnmountsDetachesStopsTheModemAndRemovesI
 }
 
 TEST_F(SimulatedDeviceTest, TheDemoFlashesTheModemChecksAndCleansUp) {
-    TProgramOptions options;
+    TChildOptions options;
     options.timeout = std::chrono::seconds(120);
-    const TProgramResult demo =
-        CProgramRun::Run({MODEMLOADER_DEMO, "--firmware-bytes", "60000"}, options);
-    ASSERT_EQ(demo.exitCode, 0) << DescribeRun(demo);
+    const TChildResult demo =
+        CChildProcess::Run({MODEMLOADER_DEMO, "--firmware-bytes", "60000"}, options);
+    ASSERT_EQ(demo.exitCode, 0) << ::Describe(demo);
     for (const char* line :
          {"  [ ok ] modemloader-host exit status 0\n",
           "  [ ok ] the modem's flash equals the firmware, 60000 of 60000 bytes\n",
           "  [ ok ] the storage records revision 124\n", "  [ ok ] nothing mounted under it\n",
           "  [ ok ] no loop device attached to its storage\n",
           "  firmware       60000 bytes in 3 chunks of 25600\n"}) {
-        EXPECT_NE(demo.out.find(line), std::string::npos) << line << DescribeRun(demo);
+        EXPECT_NE(demo.out.find(line), std::string::npos) << line << ::Describe(demo);
     }
     const std::string passed = "\ndemo passed\n";
     EXPECT_EQ(demo.out.substr(demo.out.size() - std::min(demo.out.size(), passed.size())), passed);
@@ -134,12 +134,12 @@ TEST_F(SimulatedDeviceTest, TheDemoFlashesTheModemChecksAndCleansUp) {
 
 // Needs nothing of a device: runs anywhere.
 TEST(DemoProgramTest, ExplainsItselfAndRefusesBadOptions) {
-    const TProgramResult help = CProgramRun::Run({MODEMLOADER_DEMO, "--help"});
-    EXPECT_EQ(help.exitCode, 0) << DescribeRun(help);
+    const TChildResult help = CChildProcess::Run({MODEMLOADER_DEMO, "--help"});
+    EXPECT_EQ(help.exitCode, 0) << ::Describe(help);
     EXPECT_EQ(help.out.rfind("usage: modemloader-demo [--firmware-bytes N]", 0), 0u) << help.out;
 
-    const TProgramResult bad = CProgramRun::Run({MODEMLOADER_DEMO, "--tick-ms", "fast"});
-    EXPECT_EQ(bad.exitCode, 2) << DescribeRun(bad);
+    const TChildResult bad = CChildProcess::Run({MODEMLOADER_DEMO, "--tick-ms", "fast"});
+    EXPECT_EQ(bad.exitCode, 2) << ::Describe(bad);
     EXPECT_EQ(bad.err,
               "modemloader-demo: --tick-ms: 'fast' is not a whole number (see modemloader-demo "
               "--help)\n");
