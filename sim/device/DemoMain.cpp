@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "MountTable.h"
 #include "SimulatedDevice.h"
 
 namespace {
@@ -211,31 +212,9 @@ int main(int argc, char** argv) {
     std::printf("\ncleanup:\n");
     struct stat status {};
     checks.Check(::stat(directory.c_str(), &status) != 0, "removed " + directory);
-    std::FILE* mounts = std::fopen("/proc/self/mountinfo", "r");
-    bool mounted = false;
-    if (mounts != nullptr) {
-        char line[4096];
-        while (std::fgets(line, sizeof line, mounts) != nullptr) {
-            mounted = mounted || std::string(line).find(directory) != std::string::npos;
-        }
-        std::fclose(mounts);
-    }
-    checks.Check(!mounted, "nothing mounted under it");
-    bool looped = false;
-    for (int index = 0; index < 256; ++index) {
-        const std::string backing =
-            "/sys/block/loop" + std::to_string(index) + "/loop/backing_file";
-        std::FILE* file = std::fopen(backing.c_str(), "r");
-        if (file == nullptr) {
-            continue;
-        }
-        char line[4096] = {};
-        if (std::fgets(line, sizeof line, file) != nullptr) {
-            looped = looped || std::string(line).find(image) != std::string::npos;
-        }
-        std::fclose(file);
-    }
-    checks.Check(!looped, "no loop device attached to its storage");
+    checks.Check(!IsAnythingMountedUnder(directory), "nothing mounted under it");
+    checks.Check(LoopDevicesBackedUnder(directory).empty(),
+                 "no loop device attached to its storage");
 
     std::printf("\n%s\n", checks.Failed() ? "demo FAILED" : "demo passed");
     return checks.Failed() ? kExitFailed : 0;

@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "ChildProcess.h"
+#include "MountTable.h"
 #include "PseudoRandomBytes.h"
 
 namespace {
@@ -26,45 +27,6 @@ constexpr char kSyncByte = 0x16;
 // A guard of our own beyond the host's --timeout, for a host that hangs on its way out.
 constexpr double kHostGraceSeconds = 30;
 constexpr auto kLoopDetachTimeout = std::chrono::seconds(5);
-
-std::string Resolved(const std::string& path) {
-    char* resolved = ::realpath(path.c_str(), nullptr);
-    if (resolved == nullptr) {
-        return path;
-    }
-    std::string result = resolved;
-    ::free(resolved);
-    return result;
-}
-
-// /proc/self/mountinfo writes blanks and backslashes in paths as octal escapes.
-std::string Unescape(const std::string& field) {
-    std::string text;
-    for (std::size_t index = 0; index < field.size(); ++index) {
-        if (field[index] == '\\' && index + 3 < field.size()) {
-            text += static_cast<char>(std::stoi(field.substr(index + 1, 3), nullptr, 8));
-            index += 3;
-        } else {
-            text += field[index];
-        }
-    }
-    return text;
-}
-
-bool IsMountPoint(const std::string& path) {
-    const std::string target = Resolved(path);
-    std::ifstream table("/proc/self/mountinfo");
-    std::string line;
-    while (std::getline(table, line)) {
-        std::istringstream fields(line);
-        std::string id, parent, numbers, root, mountPoint;
-        fields >> id >> parent >> numbers >> root >> mountPoint;
-        if (Unescape(mountPoint) == target) {
-            return true;
-        }
-    }
-    return false;
-}
 
 bool InPath(const std::string& program) {
     TChildOptions options;
@@ -224,7 +186,7 @@ CStatus CSimulatedDevice::MakeStorage() {
     const std::size_t needed = 2 * (m_loader.size() + m_firmware.size()) + (8u << 20);
     const std::size_t bytes = std::max(m_settings.storageBytes, needed);
     const TChildResult made = RunTool({"mkfs.ext4", "-q", "-F", "-d", PathOf("storage-content"),
-                                         Image(), std::to_string(bytes / 1024) + "k"});
+                                       Image(), std::to_string(bytes / 1024) + "k"});
     if (made.exitCode != 0) {
         return CStatus::Failure("mkfs.ext4 " + Image() + ": " + Describe(made));
     }
@@ -422,24 +384,5 @@ std::vector<std::string> CSimulatedDevice::ListStorageFolder(
 bool CSimulatedDevice::IsStorageMounted() const { return IsMountPoint(MountPoint()); }
 
 std::vector<std::string> CSimulatedDevice::AttachedLoopDevices() const {
-    const std::string image = Resolved(Image());
-    std::vector<std::string> devices;
-    DIR* block = ::opendir("/sys/block");
-    if (block == nullptr) {
-        return devices;
-    }
-    while (const dirent* entry = ::readdir(block)) {
-        const std::string name = entry->d_name;
-        if (name.compare(0, 4, "loop") != 0) {
-            continue;
-        }
-        std::ifstream backing("/sys/block/" + name + "/loop/backing_file");
-        std::string backingFile;
-        if (std::getline(backing, backingFile) && backingFile == image) {
-            devices.push_back("/dev/" + name);
-        }
-    }
-    ::closedir(block);
-    std::sort(devices.begin(), devices.end());
-    return devices;
+    return LoopDevicesBackedBy(Image());
 }

@@ -11,25 +11,13 @@
 
 #include "ChildProcess.h"
 #include "EndToEndTest.h"
+#include "MountTable.h"
 
 namespace {
 
 bool Exists(const std::string& path) {
     struct stat status {};
     return ::stat(path.c_str(), &status) == 0;
-}
-
-// Loop devices whose backing file lies under `folder` (a removed file reads "... (deleted)").
-std::vector<std::string> LoopDevicesUnder(const std::string& folder) {
-    std::vector<std::string> devices;
-    for (int index = 0; index < 256; ++index) {
-        std::ifstream backing("/sys/block/loop" + std::to_string(index) + "/loop/backing_file");
-        std::string file;
-        if (std::getline(backing, file) && file.rfind(folder + "/", 0) == 0) {
-            devices.push_back("/dev/loop" + std::to_string(index));
-        }
-    }
-    return devices;
 }
 
 // Processes whose command line names something under `folder` (modem-sim names its link there).
@@ -49,17 +37,6 @@ int ProcessesNaming(const std::string& folder) {
     }
     ::closedir(processes);
     return count;
-}
-
-bool MountedUnder(const std::string& folder) {
-    std::ifstream table("/proc/self/mountinfo");
-    std::string line;
-    while (std::getline(table, line)) {
-        if (line.find(" " + folder + "/") != std::string::npos) {
-            return true;
-        }
-    }
-    return false;
 }
 
 class SimulatedDeviceTest : public EndToEndTest {};
@@ -107,8 +84,8 @@ TEST_F(SimulatedDeviceTest, DestroyingItUnmountsDetachesStopsTheModemAndRemovesI
 
     m_device.reset();
 
-    EXPECT_FALSE(MountedUnder(directory));
-    EXPECT_EQ(LoopDevicesUnder(directory), std::vector<std::string>());
+    EXPECT_FALSE(IsAnythingMountedUnder(directory));
+    EXPECT_EQ(LoopDevicesBackedUnder(directory), std::vector<std::string>());
     EXPECT_FALSE(Exists(directory));
     EXPECT_EQ(ProcessesNaming(directory), 0) << "modem-sim outlived its device";
 }

@@ -2,10 +2,8 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <spawn.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -14,91 +12,23 @@
 #include <sstream>
 #include <thread>
 
-extern char** environ;
+#include "ChildProcess.h"
+#include "MountTable.h"
 
 namespace {
-std::string Resolved(const std::string& path) {
-    char* resolved = realpath(path.c_str(), nullptr);
-    if (resolved == nullptr) {
-        return path;
-    }
-    std::string result = resolved;
-    free(resolved);
-    return result;
-}
-
-// /proc/self/mountinfo writes blanks and backslashes in paths as octal escapes.
-std::string Unescape(const std::string& field) {
-    std::string text;
-    for (std::size_t index = 0; index < field.size(); ++index) {
-        if (field[index] == '\\' && index + 3 < field.size()) {
-            text += static_cast<char>(std::stoi(field.substr(index + 1, 3), nullptr, 8));
-            index += 3;
-        } else {
-            text += field[index];
-        }
-    }
-    return text;
-}
-
 bool InPath(const std::string& program) {
     return RunProgram({"sh", "-c", "command -v " + program}) == 0;
 }
 }  // namespace
 
 int RunProgram(const std::vector<std::string>& arguments, std::string* output) {
-    std::vector<char*> argv;
-    for (const std::string& argument : arguments) {
-        argv.push_back(const_cast<char*>(argument.c_str()));
-    }
-    argv.push_back(nullptr);
-    int pipeEnds[2];
-    if (pipe2(pipeEnds, O_CLOEXEC) != 0) {
-        return -1;
-    }
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, pipeEnds[1], STDOUT_FILENO);
-    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
-    pid_t child = 0;
-    const int spawned = posix_spawnp(&child, argv[0], &actions, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    close(pipeEnds[1]);
-    std::string collected;
-    char buffer[65536];
-    for (;;) {
-        const ssize_t count = read(pipeEnds[0], buffer, sizeof buffer);
-        if (count <= 0) {
-            break;
-        }
-        collected.append(buffer, static_cast<std::size_t>(count));
-    }
-    close(pipeEnds[0]);
-    if (spawned != 0) {
-        return -1;
-    }
-    int status = 0;
-    while (waitpid(child, &status, 0) < 0) {
-    }
+    TChildOptions options;
+    options.timeout = std::chrono::minutes(2);
+    const TChildResult result = CChildProcess::Run(arguments, options);
     if (output != nullptr) {
-        *output = collected;
+        *output = result.out;
     }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
-bool IsMountPoint(const std::string& path) {
-    const std::string target = Resolved(path);
-    std::ifstream table("/proc/self/mountinfo");
-    std::string line;
-    while (std::getline(table, line)) {
-        std::istringstream fields(line);
-        std::string id, parent, numbers, root, mountPoint;
-        fields >> id >> parent >> numbers >> root >> mountPoint;
-        if (Unescape(mountPoint) == target) {
-            return true;
-        }
-    }
-    return false;
+    return result.started ? result.exitCode : -1;
 }
 
 std::string CStorageImage::MissingPrerequisite() {
@@ -192,26 +122,7 @@ std::vector<std::string> CStorageImage::ListImageFolder(const std::string& relat
 bool CStorageImage::IsMounted() const { return IsMountPoint(m_mountPoint); }
 
 std::vector<std::string> CStorageImage::AttachedLoopDevices() const {
-    const std::string image = Resolved(m_image);
-    std::vector<std::string> devices;
-    DIR* block = opendir("/sys/block");
-    if (block == nullptr) {
-        return devices;
-    }
-    while (const dirent* entry = readdir(block)) {
-        const std::string name = entry->d_name;
-        if (name.compare(0, 4, "loop") != 0) {
-            continue;
-        }
-        std::ifstream backing("/sys/block/" + name + "/loop/backing_file");
-        std::string backingFile;
-        if (std::getline(backing, backingFile) && backingFile == image) {
-            devices.push_back("/dev/" + name);
-        }
-    }
-    closedir(block);
-    std::sort(devices.begin(), devices.end());
-    return devices;
+    return LoopDevicesBackedBy(m_image);
 }
 
 bool CStorageImage::AwaitNoLoopDevice(std::chrono::milliseconds timeout) const {

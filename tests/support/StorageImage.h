@@ -56,5 +56,3 @@ private:
 // Runs `arguments` (searched in PATH), collects its standard output; returns the exit status
 // (-1 when it could not run). Standard error is discarded.
 int RunProgram(const std::vector<std::string>& arguments, std::string* output = nullptr);
-// True when `path` is a mount point now, by the kernel's table.
-bool IsMountPoint(const std::string& path);

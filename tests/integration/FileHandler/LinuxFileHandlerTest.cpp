@@ -15,6 +15,7 @@
 
 #include "LinuxFileHandler.h"
 #include "LoopDevice.h"
+#include "MountTable.h"
 #include "StorageImage.h"
 #include "TemporaryDirectory.h"
 

@@ -13,6 +13,7 @@
 #include <sstream>
 
 #include "ChildProcess.h"
+#include "MountTable.h"
 #include "TemporaryDirectory.h"
 
 namespace {
@@ -478,9 +479,7 @@ protected:
         return result.out;
     }
 
-    bool IsMounted(const std::string& mountPoint) {
-        return ReadText("/proc/self/mountinfo").find(" " + mountPoint + " ") != std::string::npos;
-    }
+    bool IsMounted(const std::string& mountPoint) { return IsMountPoint(mountPoint); }
 
     std::vector<std::string> PrepareUpToDate() const {
         const std::string mountPoint = Path("mnt");
