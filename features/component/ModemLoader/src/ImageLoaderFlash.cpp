@@ -34,6 +34,18 @@ constexpr int32_t kEraseTicks = 60;
 constexpr int32_t kWriteTimeoutTicks = 60;
 constexpr unsigned int kProgressTotal = 100;
 
+// The modem's loader answers "0" for success and "1" to "3" for its three errors (checksum, type,
+// finite state machine), both after the loader source download and after the firmware write.
+constexpr unsigned char kStatusSuccess = '0';
+constexpr unsigned char kStatusBusy = '.';
+const char* const kLoaderSourceErrors[] = {"Loader source checksum error",
+                                           "loader source type error",
+                                           "loader source finite state machine error"};
+const char* const kFirmwareErrors[] = {"firmware checksum error", "firmware type error",
+                                       "firmware finite state machine error"};
+
+bool IsErrorStatus(unsigned char status) { return status >= '1' && status <= '3'; }
+
 // The state of the erase and of the firmware stream is process-wide and never reset: a later run
 // in the same process resumes where this one stopped (an erase already started is not sent
 // again, bytes already counted are not sent again).
@@ -68,7 +80,7 @@ void CImageLoader::PrepareFlash() {
             if (got == 0) {
                 continue;
             }
-            if (status == '0') {
+            if (status == kStatusSuccess) {
                 MODEMLOADER_LOG(Always, __LINE__, "loader source download completed");
                 free(m_loaderImage);
                 m_loaderImage = nullptr;
@@ -77,16 +89,8 @@ void CImageLoader::PrepareFlash() {
                 m_stepPending = 1;
                 return;
             }
-            if (status == '1') {
-                MODEMLOADER_LOG(Error, __LINE__, "Loader source checksum error");
-                break;
-            }
-            if (status == '2') {
-                MODEMLOADER_LOG(Error, __LINE__, "loader source type error");
-                break;
-            }
-            if (status == '3') {
-                MODEMLOADER_LOG(Error, __LINE__, "loader source finite state machine error");
+            if (IsErrorStatus(status)) {
+                MODEMLOADER_LOG(Error, __LINE__, kLoaderSourceErrors[status - '1']);
                 break;
             }
         }
@@ -218,37 +222,23 @@ void CImageLoader::Write() {
         --sWriteTimeoutTicks;
     }
     if (got != 0) {
-        switch (status) {
-            case '0':
-                MODEMLOADER_LOG(Always, __LINE__, "firmware download completed");
-                m_error = eLoaderErrorNone;
-                m_step = eStepTerminate;
-                break;
-            case '1':
-                MODEMLOADER_LOG(Error, __LINE__, "firmware checksum error");
-                m_error = eLoaderErrorWrite;
-                m_step = eStepTerminate;
-                break;
-            case '2':
-                MODEMLOADER_LOG(Error, __LINE__, "firmware type error");
-                m_error = eLoaderErrorWrite;
-                m_step = eStepTerminate;
-                break;
-            case '3':
-                MODEMLOADER_LOG(Error, __LINE__, "firmware finite state machine error");
-                m_error = eLoaderErrorWrite;
-                m_step = eStepTerminate;
-                break;
-            case '.':
-                // Still busy: the modem has the time-out restarted.
-                sWriteTimeoutTicks = kWriteTimeoutTicks;
-                m_stepPending = 1;
-                return;
-            default:
-                m_error = eLoaderErrorWrite;
-                m_step = eStepTerminate;
-                break;
+        if (status == kStatusBusy) {
+            // Still busy: the modem has the time-out restarted.
+            sWriteTimeoutTicks = kWriteTimeoutTicks;
+            m_stepPending = 1;
+            return;
         }
+        if (status == kStatusSuccess) {
+            MODEMLOADER_LOG(Always, __LINE__, "firmware download completed");
+            m_error = eLoaderErrorNone;
+        } else {
+            // An unknown status byte ends the run too, without a record.
+            if (IsErrorStatus(status)) {
+                MODEMLOADER_LOG(Error, __LINE__, kFirmwareErrors[status - '1']);
+            }
+            m_error = eLoaderErrorWrite;
+        }
+        m_step = eStepTerminate;
     }
     // Also after a "0": a success on the very tick the time-out runs out counts as a time-out.
     if (sWriteTimeoutTicks != 0) {
