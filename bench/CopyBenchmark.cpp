@@ -55,8 +55,8 @@ CStatus CCopyBenchmark::Prepare(std::size_t fileCount, std::size_t fileBytes) {
     options.timeout = std::chrono::seconds(120);
     const TChildResult made =
         CChildProcess::Run({"mkfs.ext4", "-q", "-F", "-E", "lazy_itable_init=0,lazy_journal_init=0",
-                          image, std::to_string(imageBytes / 1024) + "k"},
-                         options);
+                            image, std::to_string(imageBytes / 1024) + "k"},
+                           options);
     if (made.exitCode != 0) {
         return CStatus::Failure("mkfs.ext4 " + image + ": " + Describe(made));
     }
