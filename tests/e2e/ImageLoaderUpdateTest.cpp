@@ -51,7 +51,24 @@ double TimeOf(const std::vector<json>& trace, const std::string& line,
     return -1.0;
 }
 
-class ImageLoaderUpdateTest : public EndToEndTest {};
+class ImageLoaderUpdateTest : public EndToEndTest {
+protected:
+    // What every complete flash leaves behind: the modem's flash equals the firmware, the emulator
+    // saw the whole command sequence and the end of the write, and the storage holds the new
+    // revision (exactly four bytes) and is released again.
+    void ExpectFlashedAndRecorded(std::size_t firmwareBytes) const {
+        std::string flash;
+        ASSERT_TRUE(m_device->ReadFlash(flash).IsOk());
+        EXPECT_EQ(flash.size(), firmwareBytes);
+        EXPECT_TRUE(flash == m_device->Firmware()) << "the flash differs from the firmware";
+        ExpectSummary({{"loader_ok", true},
+                       {"commands", CompleteCommands(firmwareBytes)},
+                       {"bytes_flashed", firmwareBytes},
+                       {"write_complete", true}});
+        EXPECT_EQ(StorageFile("revision"), kWrittenRevision);
+        ExpectStorageReleased();
+    }
+};
 
 TEST_F(ImageLoaderUpdateTest, FlashesTheFirmwareRecordsTheRevisionAndRemovesTheSources) {
     TDeviceSettings settings;
@@ -65,25 +82,14 @@ TEST_F(ImageLoaderUpdateTest, FlashesTheFirmwareRecordsTheRevisionAndRemovesTheS
                                                  "Always Work: Finished ACK thread"}))
         << Describe();
 
-    std::string flash;
-    ASSERT_TRUE(m_device->ReadFlash(flash).IsOk());
-    EXPECT_EQ(flash.size(), kFirmwareBytes);
-    EXPECT_TRUE(flash == m_device->Firmware()) << "the flash differs from the firmware";
-    ExpectSummary({{"power_ups", 1},
-                   {"power_offs", 0},
-                   {"sync_attempts", 1},
-                   {"loader_bytes", 1024},
-                   {"loader_ok", true},
-                   {"commands", CompleteCommands(kFirmwareBytes)},
-                   {"bytes_flashed", kFirmwareBytes},
-                   {"write_complete", true}});
+    ExpectFlashedAndRecorded(kFirmwareBytes);
+    ExpectSummary(
+        {{"power_ups", 1}, {"power_offs", 0}, {"sync_attempts", 1}, {"loader_bytes", 1024}});
     EXPECT_GE(m_result.modemSummary.value("sync_echoes", 0), 1);
 
-    // "removable" is 1: the four sources are gone; the revision file holds exactly four bytes.
-    EXPECT_EQ(StorageFile("revision"), kWrittenRevision);
+    // "removable" is 1: the four sources and the flag file are gone.
     EXPECT_TRUE(SourcesGone());
     EXPECT_EQ(m_device->ListStorageFolder(""), (std::vector<std::string>{"revision"}));
-    ExpectStorageReleased();
 }
 
 TEST_F(ImageLoaderUpdateTest, KeepsTheSourcesWhenTheyAreNotRemovable) {
@@ -95,12 +101,8 @@ TEST_F(ImageLoaderUpdateTest, KeepsTheSourcesWhenTheyAreNotRemovable) {
 
     EXPECT_EQ(m_result.exitCode, 0) << Describe();
     EXPECT_EQ(Lines(), CompleteFlash(25600)) << Describe();
-    std::string flash;
-    ASSERT_TRUE(m_device->ReadFlash(flash).IsOk());
-    EXPECT_TRUE(flash == m_device->Firmware()) << "the flash differs from the firmware";
-    EXPECT_EQ(StorageFile("revision"), kWrittenRevision);
+    ExpectFlashedAndRecorded(25600);
     EXPECT_TRUE(SourcesPresent());
-    ExpectStorageReleased();
 }
 
 TEST_F(ImageLoaderUpdateTest, AModemAlreadyUpToDateGetsTheFakeLoader) {
@@ -205,18 +207,8 @@ TEST_F(ImageLoaderUpdateTest, AModemFoundSwitchedOnIsSwitchedOffFirstThenFlashed
     EXPECT_GE(poweredUp - released, 1.0);
     EXPECT_GE(m_result.seconds, 7.0);
 
-    std::string flash;
-    ASSERT_TRUE(m_device->ReadFlash(flash).IsOk());
-    EXPECT_TRUE(flash == m_device->Firmware()) << "the flash differs from the firmware";
-    ExpectSummary({{"power_ups", 1},
-                   {"power_offs", 1},
-                   {"sync_attempts", 1},
-                   {"loader_ok", true},
-                   {"commands", CompleteCommands(kFirmwareBytes)},
-                   {"bytes_flashed", kFirmwareBytes},
-                   {"write_complete", true}});
-    EXPECT_EQ(StorageFile("revision"), kWrittenRevision);
-    ExpectStorageReleased();
+    ExpectFlashedAndRecorded(kFirmwareBytes);
+    ExpectSummary({{"power_ups", 1}, {"power_offs", 1}, {"sync_attempts", 1}});
 }
 
 TEST_F(ImageLoaderUpdateTest, ABootCodeThatAnswersOnTheThirdPowerUpIsCaughtThen) {
@@ -240,18 +232,8 @@ TEST_F(ImageLoaderUpdateTest, ABootCodeThatAnswersOnTheThirdPowerUpIsCaughtThen)
                               failedAttempt,
                               {"cmd echo 0 > control = 0", "Always Work: Finished ACK thread"}}))
         << Describe();
-    std::string flash;
-    ASSERT_TRUE(m_device->ReadFlash(flash).IsOk());
-    EXPECT_TRUE(flash == m_device->Firmware()) << "the flash differs from the firmware";
-    ExpectSummary({{"power_ups", 3},
-                   {"power_offs", 2},
-                   {"sync_attempts", 3},
-                   {"loader_ok", true},
-                   {"commands", CompleteCommands(kFirmwareBytes)},
-                   {"bytes_flashed", kFirmwareBytes},
-                   {"write_complete", true}});
-    EXPECT_EQ(StorageFile("revision"), kWrittenRevision);
-    ExpectStorageReleased();
+    ExpectFlashedAndRecorded(kFirmwareBytes);
+    ExpectSummary({{"power_ups", 3}, {"power_offs", 2}, {"sync_attempts", 3}});
 }
 
 TEST_F(ImageLoaderUpdateTest, AnAbortDuringTheFlashIsAcknowledgedAndTheFlashGoesOnToItsOwnResult) {
@@ -284,15 +266,7 @@ TEST_F(ImageLoaderUpdateTest, AnAbortDuringTheFlashIsAcknowledgedAndTheFlashGoes
     lines.erase(std::find(lines.begin(), lines.end(), "in 207"));
     EXPECT_EQ(lines, CompleteFlash(kLargeFirmware)) << Describe();
 
-    std::string flash;
-    ASSERT_TRUE(m_device->ReadFlash(flash).IsOk());
-    EXPECT_EQ(flash.size(), kLargeFirmware);
-    EXPECT_TRUE(flash == m_device->Firmware()) << "the flash differs from the firmware";
-    ExpectSummary({{"commands", CompleteCommands(kLargeFirmware)},
-                   {"bytes_flashed", kLargeFirmware},
-                   {"write_complete", true}});
-    EXPECT_EQ(StorageFile("revision"), kWrittenRevision);
-    ExpectStorageReleased();
+    ExpectFlashedAndRecorded(kLargeFirmware);
 }
 
 }  // namespace
