@@ -5,12 +5,13 @@
 #include <chrono>
 #include <thread>
 
+#include "Prerequisite.h"
 #include "ScratchDirectory.h"
 
 void EndToEndTest::SetUp() {
     const std::string missing = CSimulatedDevice::MissingPrerequisite();
     if (!missing.empty()) {
-        GTEST_SKIP() << missing;
+        MODEMLOADER_MISSING_PREREQUISITE(missing);
     }
 }
 

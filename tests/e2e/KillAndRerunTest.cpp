@@ -39,6 +39,7 @@
 
 #include "ChildProcess.h"
 #include "ModemProcess.h"
+#include "Prerequisite.h"
 #include "SimulatedDevice.h"
 
 namespace {
@@ -344,7 +345,7 @@ protected:
     void SetUp() override {
         const std::string missing = CSimulatedDevice::MissingPrerequisite();
         if (!missing.empty()) {
-            GTEST_SKIP() << missing;
+            MODEMLOADER_MISSING_PREREQUISITE(missing);
         }
     }
 

@@ -17,7 +17,8 @@
 
 class CStorageImage {
 public:
-    // Empty when tests on real storage can run here; otherwise why not (for GTEST_SKIP).
+    // Empty when tests on real storage can run here; otherwise why not (for
+    // MODEMLOADER_MISSING_PREREQUISITE).
     static std::string MissingPrerequisite();
 
     // An image of `sizeBytes`, formatted with mkfs.ext4; check Error() after construction.

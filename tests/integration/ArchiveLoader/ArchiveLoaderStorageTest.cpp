@@ -16,6 +16,7 @@
 #include "LinuxFileHandler.h"
 #include "LogCapture.h"
 #include "MapProperties.h"
+#include "Prerequisite.h"
 #include "RecordingEventBroker.h"
 #include "RecordingLoaderCallback.h"
 #include "StorageImage.h"
@@ -59,7 +60,7 @@ protected:
     void SetUp() override {
         const std::string missing = CStorageImage::MissingPrerequisite();
         if (!missing.empty()) {
-            GTEST_SKIP() << missing;
+            MODEMLOADER_MISSING_PREREQUISITE(missing);
         }
         m_previous = IFileHandler::SetBackend(&m_handler);
         m_installed = true;

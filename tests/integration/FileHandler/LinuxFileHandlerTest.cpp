@@ -16,6 +16,7 @@
 #include "LinuxFileHandler.h"
 #include "LoopDevice.h"
 #include "MountTable.h"
+#include "Prerequisite.h"
 #include "StorageImage.h"
 #include "TemporaryDirectory.h"
 
@@ -209,7 +210,7 @@ protected:
     void SetUp() override {
         const std::string missing = CStorageImage::MissingPrerequisite();
         if (!missing.empty()) {
-            GTEST_SKIP() << missing;
+            MODEMLOADER_MISSING_PREREQUISITE(missing);
         }
     }
 
@@ -368,7 +369,7 @@ TEST_F(LinuxFileHandlerStorageTest, WriteProtectedImageIsMountedReadOnlyThroughA
     ASSERT_EQ(storage.Error(), "");
     // An immutable image cannot be opened for writing, not even by root.
     if (RunProgram({"chattr", "+i", storage.Image()}) != 0) {
-        GTEST_SKIP() << "the temporary file system cannot mark files immutable";
+        MODEMLOADER_MISSING_PREREQUISITE("the temporary file system cannot mark files immutable");
     }
     struct CMutableAgain {
         const std::string& image;

@@ -16,6 +16,7 @@
 
 #include "FileDescriptor.h"
 #include "HostLine.h"
+#include "Prerequisite.h"
 #include "Sha256.h"
 #include "SimProcess.h"
 #include "TemporaryDirectory.h"
@@ -77,7 +78,8 @@ protected:
     void SetUp() override {
         CFileDescriptor terminal(::posix_openpt(O_RDWR | O_NOCTTY));
         if (!terminal.Valid()) {
-            GTEST_SKIP() << "no pseudo-terminal available: /dev/ptmx cannot be opened";
+            MODEMLOADER_MISSING_PREREQUISITE(
+                "no pseudo-terminal available: /dev/ptmx cannot be opened");
         }
         ASSERT_FALSE(m_directory.Path().empty());
         m_loader = Pattern(1000, 7);

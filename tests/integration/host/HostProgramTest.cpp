@@ -14,6 +14,7 @@
 
 #include "ChildProcess.h"
 #include "MountTable.h"
+#include "Prerequisite.h"
 #include "TemporaryDirectory.h"
 
 namespace {
@@ -450,18 +451,18 @@ class HostProgramStorageTest : public HostProgramTest {
 protected:
     void SetUp() override {
         if (::geteuid() != 0) {
-            GTEST_SKIP() << "mounting a storage image needs root";
+            MODEMLOADER_MISSING_PREREQUISITE("mounting a storage image needs root");
         }
         struct stat status {};
         if (::stat("/dev/loop-control", &status) != 0) {
-            GTEST_SKIP() << "no loop devices here (/dev/loop-control is missing)";
+            MODEMLOADER_MISSING_PREREQUISITE("no loop devices here (/dev/loop-control is missing)");
         }
         ASSERT_EQ(::mkdir(Path("content").c_str(), 0755), 0);
         m_directory.WriteFile("content/revision", "123\n");
         const TChildResult made = CChildProcess::Run(
             {"mkfs.ext4", "-q", "-F", "-d", Path("content"), Path("movinand.img"), "8M"});
         if (!made.started || made.exitCode == 127) {
-            GTEST_SKIP() << "mkfs.ext4 is not available: " << Describe(made);
+            MODEMLOADER_MISSING_PREREQUISITE("mkfs.ext4 is not available: " + Describe(made));
         }
         ASSERT_EQ(made.exitCode, 0) << Describe(made);
     }

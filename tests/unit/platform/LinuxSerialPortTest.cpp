@@ -13,6 +13,7 @@
 
 #include "LinuxSerialPort.h"
 #include "LinuxSerialPortFactory.h"
+#include "Prerequisite.h"
 #include "UniqueFd.h"
 
 namespace {
@@ -25,7 +26,7 @@ protected:
         m_master.Reset(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
         if (!m_master.IsValid() || ::grantpt(m_master.Get()) != 0 ||
             ::unlockpt(m_master.Get()) != 0) {
-            GTEST_SKIP() << "no pseudo-terminal available here";
+            MODEMLOADER_MISSING_PREREQUISITE("no pseudo-terminal available here");
         }
         char name[128];
         ASSERT_EQ(::ptsname_r(m_master.Get(), name, sizeof name), 0);
