@@ -40,7 +40,7 @@ CStatus ParseSeconds(const std::string& option, const std::string& text, double&
 const char* CCommandLine::Usage() {
     return "usage: modemloader-host update --config FILE [--plugin PATH] [--feature NAME]\n"
            "                               [--tick-ms N] [--trace FILE] [--abort-after-ms N]\n"
-           "                               [--timeout S] [--quiet]\n"
+           "                               [--timeout S] [--quiet] [--insecure-permissions]\n"
            "       modemloader-host info --plugin PATH\n"
            "       modemloader-host --help\n"
            "\n"
@@ -54,7 +54,11 @@ const char* CCommandLine::Usage() {
            "        --abort-after-ms N  send Abort N ms after Install, then keep waiting\n"
            "        --timeout S         give up after S seconds without a result (default 600)\n"
            "        --quiet             no progress output\n"
+           "        --insecure-permissions\n"
+           "                            load a configuration or plug-in that others could\n"
+           "                            change (refused otherwise; for test set-ups only)\n"
            "info    load the plug-in and print its feature type\n"
+           "        (--insecure-permissions as for update)\n"
            "\n"
            "exit status: 0 update succeeded, 1 update failed, 2 usage, configuration or\n"
            "plug-in error, 3 no result before the time-out\n";
@@ -86,6 +90,10 @@ CStatus CCommandLine::Parse(int argc, const char* const* argv, THostOptions& opt
         }
         if (option == "--quiet" && update) {
             options.quiet = true;
+            continue;
+        }
+        if (option == "--insecure-permissions") {
+            options.insecurePermissions = true;
             continue;
         }
         const bool takesValue = option == "--plugin" ||

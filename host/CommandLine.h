@@ -2,7 +2,8 @@
 // The command line of modemloader-host:
 //   modemloader-host update --config FILE [--plugin PATH] [--feature NAME] [--tick-ms N]
 //                           [--trace FILE] [--abort-after-ms N] [--timeout S] [--quiet]
-//   modemloader-host info --plugin PATH
+//                           [--insecure-permissions]
+//   modemloader-host info --plugin PATH [--insecure-permissions]
 //   modemloader-host --help
 
 #include <cstdint>
@@ -23,6 +24,7 @@ struct THostOptions {
     std::optional<uint32_t> abortAfterMs;   // Abort this long after Install
     double timeoutSeconds = 600.0;          // for the whole conversation, until 205
     bool quiet = false;                     // no progress output
+    bool insecurePermissions = false;  // skip the ownership and mode checks (FilePermissions.h)
 };
 
 class CCommandLine {

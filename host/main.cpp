@@ -11,6 +11,7 @@
 
 #include "CommandLine.h"
 #include "ConsoleLog.h"
+#include "FilePermissions.h"
 #include "HostConfig.h"
 #include "IniProperties.h"
 #include "LinuxCmdHandler.h"
@@ -70,7 +71,20 @@ CStatus LoadFeaturePlugin(const std::string& path, std::unique_ptr<CPluginLibrar
     return CStatus::Ok();
 }
 
+// A configuration or plug-in that anyone but root or the invoking user could change is refused
+// before it is read or loaded (FilePermissions.h), unless the command line says otherwise.
+CStatus CheckTrusted(const THostOptions& options, const std::string& role,
+                     const std::string& path) {
+    if (options.insecurePermissions) {
+        return CStatus::Ok();
+    }
+    return CFilePermissions::CheckTrusted(role, path, ::getuid());
+}
+
 int Info(const THostOptions& options) {
+    if (CStatus status = CheckTrusted(options, "plug-in", *options.pluginPath); !status) {
+        return HostError(status.Message());
+    }
     std::unique_ptr<CPluginLibrary> plugin;
     if (CStatus status = CPluginLibrary::Open(*options.pluginPath, plugin); !status) {
         return HostError(status.Message());
@@ -83,6 +97,9 @@ int Info(const THostOptions& options) {
 class CNoInterfaces : public IInterfaceBroker {};
 
 int Update(const THostOptions& options) {
+    if (CStatus status = CheckTrusted(options, "configuration", options.configPath); !status) {
+        return HostError(status.Message());
+    }
     CIniProperties properties;
     if (CStatus status = properties.Load(options.configPath); !status) {
         return HostError("configuration " + status.Message());
@@ -107,6 +124,10 @@ int Update(const THostOptions& options) {
     if (config.feature.empty() || config.feature.size() >= kControllerNameSize) {
         return HostError("feature name '" + config.feature + "' must have 1 to " +
                          std::to_string(kControllerNameSize - 1) + " characters");
+    }
+
+    if (CStatus status = CheckTrusted(options, "plug-in", config.pluginPath); !status) {
+        return HostError(status.Message());
     }
 
     CTrace trace;

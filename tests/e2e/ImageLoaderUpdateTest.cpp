@@ -6,6 +6,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "EndToEndTest.h"
 
 namespace {
@@ -67,6 +69,26 @@ protected:
                        {"write_complete", true}});
         EXPECT_EQ(StorageFile("revision"), kWrittenRevision);
         ExpectStorageReleased();
+        ExpectImageLoaderSourceFile();
+    }
+
+    // The image loader's records ("noticed a reply from modem", "loader source download
+    // completed", "firmware download completed") name the class's one source file, whichever
+    // of its .cpp files logs them.
+    void ExpectImageLoaderSourceFile() const {
+        const std::vector<std::string> functions = {"Sync", "PrepareFlash", "Write"};
+        std::size_t records = 0;
+        for (const json& record : m_result.trace) {
+            const std::string function = record.value("function", "");
+            if (record.value("kind", "") == "log" &&
+                std::find(functions.begin(), functions.end(), function) != functions.end()) {
+                ++records;
+                EXPECT_EQ(record.value("file", ""),
+                          "features/component/ModemLoader/src/ImageLoader")
+                    << record.dump();
+            }
+        }
+        EXPECT_EQ(records, 3u) << Describe();
     }
 };
 

@@ -3,6 +3,7 @@
 // and what it prints.
 
 #include <gtest/gtest.h>
+#include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -303,6 +304,70 @@ TEST_F(HostProgramTest, AFeatureOfAnotherTypeIsRefused) {
     EXPECT_EQ(result.exitCode, 2) << Describe(result);
     EXPECT_EQ(result.err, std::string("modemloader-host: plug-in ") + OTHER_TYPE_PLUGIN +
                               ": a feature of type 'navigation', not 'modemloader'\n");
+}
+
+// The host runs as root and hands configured values to the shell: a configuration or plug-in
+// that others could change is refused before it is read or loaded, naming the file, its owner and
+// its mode.
+std::string PermissionRefusal(const std::string& subject, const std::string& fault,
+                              const std::string& mode) {
+    const passwd* user = ::getpwuid(::geteuid());
+    const std::string owner = std::string(user != nullptr ? user->pw_name : "?") + " (uid " +
+                              std::to_string(::geteuid()) + ")";
+    return "modemloader-host: refusing " + subject + ": it " + fault + " (owner " + owner +
+           ", mode " + mode + "); whoever can change it runs code as root here; make it " +
+           "writable only by root or " + owner + ", or pass --insecure-permissions\n";
+}
+
+TEST_F(HostProgramTest, AWorldWritableConfigurationIsRefused) {
+    const std::string config = WriteConfig();
+    ASSERT_EQ(::chmod(config.c_str(), 0666), 0);
+    const TChildResult result = RunUpdate(config);
+    EXPECT_EQ(result.exitCode, 2) << Describe(result);
+    EXPECT_EQ(result.err,
+              PermissionRefusal("the configuration " + config, "is writable by others", "0666"));
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(ReadText(Path("trace.jsonl")), "") << "nothing may run before the refusal";
+}
+
+TEST_F(HostProgramTest, AGroupWritablePluginIsRefused) {
+    const std::string config = WriteConfig();
+    const std::string plugin = Path("libmodemloader.so");
+    const std::string bytes = ReadText(MODEMLOADER_PLUGIN);
+    ASSERT_FALSE(bytes.empty());
+    m_directory.WriteFile("libmodemloader.so", bytes);
+    ASSERT_EQ(::chmod(plugin.c_str(), 0664), 0);
+    const TChildResult update = RunHost({"update", "--config", config, "--plugin", plugin});
+    EXPECT_EQ(update.exitCode, 2) << Describe(update);
+    EXPECT_EQ(update.err,
+              PermissionRefusal("the plug-in " + plugin, "is writable by its group", "0664"));
+    const TChildResult info = RunHost({"info", "--plugin", plugin});
+    EXPECT_EQ(info.exitCode, 2) << Describe(info);
+    EXPECT_EQ(info.err, update.err);
+    EXPECT_EQ(info.out, "");
+}
+
+TEST_F(HostProgramTest, AConfigurationInAWorldWritableDirectoryIsRefused) {
+    const std::string shared = Path("shared");
+    ASSERT_EQ(::mkdir(shared.c_str(), 0700), 0);
+    ASSERT_EQ(::chmod(shared.c_str(), 0777), 0);
+    const std::string config = m_directory.WriteFile("shared/host.ini", ReadText(WriteConfig()));
+    const TChildResult result = RunUpdate(config);
+    EXPECT_EQ(result.exitCode, 2) << Describe(result);
+    EXPECT_EQ(result.err,
+              PermissionRefusal("the directory " + shared + " of the configuration " + config,
+                                "is writable by others", "0777"));
+}
+
+TEST_F(HostProgramTest, InsecurePermissionsLoadsThemAnyway) {
+    const std::string config = WriteConfig();
+    ASSERT_EQ(::chmod(config.c_str(), 0666), 0);
+    const TChildResult result = RunUpdate(config, {"--insecure-permissions"});
+    // The update goes as far as the storage, which this set-up does not have.
+    EXPECT_EQ(result.exitCode, 1) << Describe(result);
+    EXPECT_EQ(result.err.find("refusing"), std::string::npos) << result.err;
+    ASSERT_FALSE(Trace().empty());
+    EXPECT_EQ(Summary(Trace().front()), "in 200");
 }
 
 TEST_F(HostProgramTest, TheConfiguredPluginIsFoundBesideTheConfigurationFile) {

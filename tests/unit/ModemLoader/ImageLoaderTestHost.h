@@ -136,6 +136,22 @@ protected:
             << "a power worker is still running: " << FinishedAckThreads() << " of "
             << AckThreadsStarted() << " finished";
         CVirtualClock::OnSleep(nullptr);
+        ExpectSourceFiles();
+    }
+
+    // Every record names its class's source file: the power control's three messages name
+    // ModemPower, every other record of these tests is the image loader's, from whichever of its
+    // .cpp files, and names ImageLoader.
+    void ExpectSourceFiles() const {
+        for (const logging::TLogRecord& record : m_log.Records()) {
+            const std::string text = record.text;
+            const bool power = text == LogText("Modem was switched on") ||
+                               text == LogText("could not toggle control pin") ||
+                               text == LogText("Finished ACK thread");
+            EXPECT_EQ(record.file, power ? "features/component/ModemLoader/src/ModemPower"
+                                         : "features/component/ModemLoader/src/ImageLoader")
+                << record.function << ": " << text;
+        }
     }
 
     void SetFirmware(const std::string& content) {

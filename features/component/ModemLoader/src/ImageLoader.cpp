@@ -7,7 +7,7 @@
 #include "ModemLoaderLog.h"
 
 namespace {
-constexpr const char* kLogSourceFile = "features/component/ModemLoader/src/ImageLoader";
+using imageloader::kLogSourceFile;
 
 // The modem's boot code is spoken to at this rate, and the line is never reconfigured.
 constexpr uint32_t kSerialSpeed = 115200;

@@ -26,6 +26,13 @@
 #include "ModemPower.h"
 #include "SerialPort.h"
 
+// The source file every log record of CImageLoader names, whichever of the class's three .cpp
+// files (ImageLoader, ImageLoaderLink, ImageLoaderFlash) writes it: the host's log analysis knows
+// a class by one file.
+namespace imageloader {
+constexpr char kLogSourceFile[] = "features/component/ModemLoader/src/ImageLoader";
+}
+
 enum TImageLoaderStep : int32_t {
     eStepStart = 0,
     eStepSync = 1,

@@ -19,7 +19,7 @@
 #include "ModemLoaderLog.h"
 
 namespace {
-constexpr const char* kLogSourceFile = "features/component/ModemLoader/src/ImageLoaderFlash";
+using imageloader::kLogSourceFile;
 
 constexpr unsigned char kCmdSetRange = 0x04;
 constexpr unsigned char kCmdSetEraseRange = 0x09;

@@ -15,7 +15,7 @@
 #include "ModemLoaderLog.h"
 
 namespace {
-constexpr const char* kLogSourceFile = "features/component/ModemLoader/src/ImageLoaderLink";
+using imageloader::kLogSourceFile;
 
 constexpr unsigned char kSyncByte = 0x16;
 constexpr unsigned char kCmdSetBaudrate = 0x07;

@@ -1,0 +1,145 @@
+// The host's refusal of configuration and plug-in files that someone other than root or the
+// invoking user could change: the file's owner and mode, every directory above it, sticky
+// directories, symbolic links and files that are not there yet.
+
+#include <gtest/gtest.h>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "FilePermissions.h"
+#include "Prerequisite.h"
+#include "TemporaryDirectory.h"
+
+namespace {
+
+constexpr uid_t kNobody = 65534;
+
+std::string UserName(uid_t user) {
+    const passwd* entry = ::getpwuid(user);
+    const std::string number = "uid " + std::to_string(user);
+    return entry != nullptr ? std::string(entry->pw_name) + " (" + number + ")" : number;
+}
+
+// The refusal's text after its subject.
+std::string Refusal(const std::string& fault, uid_t owner, const std::string& mode) {
+    return ": it " + fault + " (owner " + UserName(owner) + ", mode " + mode +
+           "); whoever can change it runs code as root here; make it writable only by root or " +
+           UserName(::getuid()) + ", or pass --insecure-permissions";
+}
+
+class FilePermissionsTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        m_file = m_directory.WriteFile("host.ini", "[host]\n");
+        ASSERT_EQ(::chmod(m_file.c_str(), 0644), 0);
+    }
+
+    CStatus Check(const std::string& path) const {
+        return CFilePermissions::CheckTrusted("configuration", path, ::getuid());
+    }
+
+    std::string MakeDirectory(const std::string& name, mode_t mode) const {
+        const std::string path = m_directory.Path() + "/" + name;
+        EXPECT_EQ(::mkdir(path.c_str(), 0700), 0);
+        EXPECT_EQ(::chmod(path.c_str(), mode), 0);  // not narrowed by the umask
+        return path;
+    }
+
+    CTemporaryDirectory m_directory;
+    std::string m_file;
+};
+
+TEST_F(FilePermissionsTest, AFileOnlyItsOwnerWritesInAPrivateDirectoryIsTrusted) {
+    const CStatus status = Check(m_file);
+    EXPECT_TRUE(status.IsOk()) << status.Message();
+}
+
+TEST_F(FilePermissionsTest, AWorldWritableFileIsRefusedWithItsOwnerAndMode) {
+    ASSERT_EQ(::chmod(m_file.c_str(), 0666), 0);
+    const CStatus status = Check(m_file);
+    ASSERT_FALSE(status.IsOk());
+    EXPECT_EQ(status.Message(), "refusing the configuration " + m_file +
+                                    Refusal("is writable by others", ::geteuid(), "0666"));
+}
+
+TEST_F(FilePermissionsTest, AGroupWritableFileIsRefused) {
+    ASSERT_EQ(::chmod(m_file.c_str(), 0664), 0);
+    const CStatus status = CFilePermissions::CheckTrusted("plug-in", m_file, ::getuid());
+    ASSERT_FALSE(status.IsOk());
+    EXPECT_EQ(status.Message(), "refusing the plug-in " + m_file +
+                                    Refusal("is writable by its group", ::geteuid(), "0664"));
+}
+
+TEST_F(FilePermissionsTest, AFileInAWorldWritableDirectoryIsRefusedNamingTheDirectory) {
+    const std::string shared = MakeDirectory("shared", 0777);
+    const std::string file = m_directory.WriteFile("shared/host.ini", "[host]\n");
+    const CStatus status = Check(file);
+    ASSERT_FALSE(status.IsOk());
+    EXPECT_EQ(status.Message(), "refusing the directory " + shared + " of the configuration " +
+                                    file + Refusal("is writable by others", ::geteuid(), "0777"));
+}
+
+TEST_F(FilePermissionsTest, AGroupWritableDirectoryHigherUpIsRefused) {
+    const std::string outer = MakeDirectory("outer", 0775);
+    MakeDirectory("outer/inner", 0755);
+    const std::string file = m_directory.WriteFile("outer/inner/host.ini", "[host]\n");
+    const CStatus status = Check(file);
+    ASSERT_FALSE(status.IsOk());
+    EXPECT_EQ(status.Message(), "refusing the directory " + outer + " of the configuration " +
+                                    file +
+                                    Refusal("is writable by its group", ::geteuid(), "0775"));
+}
+
+TEST_F(FilePermissionsTest, AStickyWorldWritableDirectoryLikeTmpIsTrusted) {
+    MakeDirectory("sticky", 01777);
+    const std::string file = m_directory.WriteFile("sticky/host.ini", "[host]\n");
+    ASSERT_EQ(::chmod(file.c_str(), 0600), 0);
+    const CStatus status = Check(file);
+    EXPECT_TRUE(status.IsOk()) << status.Message();
+}
+
+TEST_F(FilePermissionsTest, ASymbolicLinkIsJudgedByTheFileItPointsTo) {
+    ASSERT_EQ(::chmod(m_file.c_str(), 0646), 0);
+    const std::string link = m_directory.Path() + "/link.ini";
+    ASSERT_EQ(::symlink(m_file.c_str(), link.c_str()), 0);
+    const CStatus status = Check(link);
+    ASSERT_FALSE(status.IsOk());
+    EXPECT_EQ(status.Message(), "refusing the configuration " + m_file +
+                                    Refusal("is writable by others", ::geteuid(), "0646"));
+}
+
+TEST_F(FilePermissionsTest, AMissingFileIsLeftToItsReaderButItsDirectoryIsChecked) {
+    EXPECT_TRUE(Check(m_directory.Path() + "/absent.ini").IsOk());
+    const std::string shared = MakeDirectory("shared", 0777);
+    const CStatus status = Check(shared + "/absent.ini");
+    ASSERT_FALSE(status.IsOk());
+    EXPECT_EQ(status.Message(), "refusing the directory " + shared + " of the configuration " +
+                                    shared + "/absent.ini" +
+                                    Refusal("is writable by others", ::geteuid(), "0777"));
+}
+
+TEST_F(FilePermissionsTest, AFileOwnedByAnotherUserIsRefused) {
+    if (::geteuid() != 0) {
+        MODEMLOADER_MISSING_PREREQUISITE("giving a file to another user needs root");
+    }
+    ASSERT_EQ(::chown(m_file.c_str(), kNobody, static_cast<gid_t>(-1)), 0);
+    const CStatus status = Check(m_file);
+    ASSERT_FALSE(status.IsOk());
+    EXPECT_EQ(
+        status.Message(),
+        "refusing the configuration " + m_file +
+            Refusal("is owned by a user other than root or the invoking user", kNobody, "0644"));
+}
+
+TEST_F(FilePermissionsTest, TheInvokingUsersOwnFileIsTrusted) {
+    if (::geteuid() != 0) {
+        MODEMLOADER_MISSING_PREREQUISITE("giving a file to another user needs root");
+    }
+    // Root running on behalf of an invoking user: that user's files are as good as root's.
+    ASSERT_EQ(::chown(m_file.c_str(), kNobody, static_cast<gid_t>(-1)), 0);
+    const CStatus status = CFilePermissions::CheckTrusted("configuration", m_file, kNobody);
+    EXPECT_TRUE(status.IsOk()) << status.Message();
+}
+
+}  // namespace
