@@ -25,6 +25,11 @@ std::string Mode(mode_t mode) {
     return text;
 }
 
+// "root", or "root or NAME (uid N)" for another invoking user.
+std::string TrustedUsers(uid_t invokingUser) {
+    return invokingUser == 0 ? "root" : "root or " + UserName(invokingUser);
+}
+
 bool TrustedOwner(uid_t owner, uid_t invokingUser) { return owner == 0 || owner == invokingUser; }
 
 // Empty when `path` (a file, or with `directory` one of the directories above it) is safe.
@@ -78,8 +83,9 @@ CStatus CFilePermissions::CheckTrusted(const std::string& role, const std::strin
             return CStatus::Failure("refusing " + subject + ": it " + fault + " (owner " +
                                     UserName(status.st_uid) + ", mode " + Mode(status.st_mode) +
                                     "); whoever can change it runs code as root here; make it "
-                                    "writable only by root or " +
-                                    UserName(invokingUser) + ", or pass --insecure-permissions");
+                                    "writable only by " +
+                                    TrustedUsers(invokingUser) +
+                                    ", or pass --insecure-permissions");
         }
         if (current == "/") {
             return CStatus::Ok();

@@ -27,6 +27,11 @@ void CFileHandlerFaults::LimitWrites(std::size_t maximumItems) {
     m_writeLimit = maximumItems;
 }
 
+void CFileHandlerFaults::ShortenNextRead(std::size_t maximumItems) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_nextReadLimit = maximumItems;
+}
+
 std::vector<std::string> CFileHandlerFaults::ForcedCalls() const {
     std::lock_guard<std::mutex> lock(m_mutex);
     return m_forcedCalls;
@@ -92,7 +97,13 @@ FILE* CFileHandlerFaults::FOpen(const unsigned char* path, const char* mode) {
 
 std::size_t CFileHandlerFaults::FRead(void* buffer, std::size_t size, std::size_t count,
                                       FILE* file) {
-    return m_inner.FRead(buffer, size, count, file);
+    std::size_t limit = 0;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        limit = m_nextReadLimit;
+        m_nextReadLimit = static_cast<std::size_t>(-1);
+    }
+    return m_inner.FRead(buffer, size, count < limit ? count : limit, file);
 }
 
 std::size_t CFileHandlerFaults::FWrite(const void* data, std::size_t size, std::size_t count,

@@ -9,6 +9,7 @@
 //   faults.FailWith("CopyFile", 1, "firmware");  // copies whose source contains "firmware"
 //   faults.FailOpen("revision");                 // FOpen of paths containing "revision" -> null
 //   faults.LimitWrites(3);                       // FWrite writes at most 3 items
+//   faults.ShortenNextRead(100);                 // the next FRead reads at most 100 items
 
 #include <map>
 #include <mutex>
@@ -29,6 +30,9 @@ public:
     void FailWith(const std::string& operation, int result, const std::string& pathPart = "");
     void FailOpen(const std::string& pathPart);
     void LimitWrites(std::size_t maximumItems);
+    // The next FRead reads at most `maximumItems` (the stream moves on by what it read); later
+    // ones are not limited.
+    void ShortenNextRead(std::size_t maximumItems);
     // The calls answered here without reaching the inner backend, in order, each as
     // "<operation> <path> -> <result>" ("Umount /mnt/flash -> 1", "FOpen /mnt/x w -> null").
     std::vector<std::string> ForcedCalls() const;
@@ -59,5 +63,6 @@ private:
     std::multimap<std::string, std::pair<std::string, int>> m_failures;  // op -> {part, result}
     std::vector<std::string> m_failedOpens;
     std::size_t m_writeLimit = static_cast<std::size_t>(-1);
+    std::size_t m_nextReadLimit = static_cast<std::size_t>(-1);
     mutable std::vector<std::string> m_forcedCalls;
 };

@@ -316,7 +316,8 @@ std::string PermissionRefusal(const std::string& subject, const std::string& fau
                               std::to_string(::geteuid()) + ")";
     return "modemloader-host: refusing " + subject + ": it " + fault + " (owner " + owner +
            ", mode " + mode + "); whoever can change it runs code as root here; make it " +
-           "writable only by root or " + owner + ", or pass --insecure-permissions\n";
+           "writable only by " + (::getuid() == 0 ? "root" : "root or " + owner) +
+           ", or pass --insecure-permissions\n";
 }
 
 TEST_F(HostProgramTest, AWorldWritableConfigurationIsRefused) {

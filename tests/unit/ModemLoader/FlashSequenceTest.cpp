@@ -461,6 +461,83 @@ TEST_F(FlashSequenceTest, SilenceAfterTheLastChunkTimesOutSixtyTicksAfterTheFile
     EXPECT_TRUE(loader.StepPending());
 }
 
+TEST_F(FlashSequenceTest, AShortChunkReadIsNeitherSentNorCountedAndTheNextTickReadsOn) {
+    SetFirmware(Pattern(2 * kChunk + 1000, 4));
+    const uint32_t size = static_cast<uint32_t>(m_firmware.size());
+    CImageLoader& loader = PreparedLoader();
+    CFileHandlerFaults faults(m_files);
+    ScriptWriteStart(m_port, size);
+    faults.ShortenNextRead(100);
+    loader.Write();
+    EXPECT_EQ(m_port.Written(), Concat({WriteRangeCommand(size), Bytes({0x01})}))
+        << "the short chunk is not sent";
+    EXPECT_EQ(m_callback.Calls(), std::vector<std::string>{"Progress(55,100)"});
+    EXPECT_EQ(loader.Step(), eStepStart);
+    EXPECT_TRUE(loader.StepPending());
+
+    // The file has moved on by the 100 bytes read: the next chunk starts there, and only it
+    // counts (25600 of 52200 bytes: 50 - 24.5).
+    m_port.Expect(Bytes(m_firmware.substr(100, kChunk)), Bytes("."));
+    loader.Write();
+    EXPECT_EQ(m_port.Written(), Concat({WriteRangeCommand(size), Bytes({0x01}),
+                                        Bytes(m_firmware.substr(100, kChunk))}));
+    EXPECT_EQ(m_callback.Calls(),
+              (std::vector<std::string>{"Progress(55,100)", "Progress(25,100)"}));
+    EXPECT_FALSE(m_port.SawUnexpectedBytes());
+    EXPECT_TRUE(m_log.Entries().empty());
+}
+
+TEST_F(FlashSequenceTest, AFailedChunkWriteIsNotCountedAndTheNextTickSendsTheFollowingRange) {
+    SetFirmware(Pattern(2 * kChunk + 1000, 4));
+    const uint32_t size = static_cast<uint32_t>(m_firmware.size());
+    CImageLoader& loader = PreparedLoader();
+    ScriptWriteStart(m_port, size);
+    m_port.ExpectWriteError(Bytes(m_firmware.substr(0, kChunk)), 1);
+    loader.Write();
+    EXPECT_EQ(m_callback.Calls(), std::vector<std::string>{"Progress(55,100)"});
+    EXPECT_EQ(m_log.Entries(), std::vector<TLogEntry>{kWriteProblem});
+    EXPECT_TRUE(loader.StepPending());
+
+    // Not re-sent: the second range follows, and the count holds it alone.
+    m_port.Expect(Bytes(m_firmware.substr(kChunk, kChunk)), Bytes("."));
+    loader.Write();
+    EXPECT_EQ(m_callback.Calls(),
+              (std::vector<std::string>{"Progress(55,100)", "Progress(25,100)"}));
+    // 26600 bytes are still owed by the count, but the file holds only its last 1000: a short
+    // read, so nothing goes out, and the file stays open.
+    const TBytes before = m_port.Written();
+    loader.Write();
+    EXPECT_EQ(m_port.Written(), before);
+    EXPECT_EQ(m_callback.Calls().size(), 2u);
+    EXPECT_EQ(m_files.OpenStreams(), 1u);
+    EXPECT_FALSE(m_port.SawUnexpectedBytes());
+    EXPECT_EQ(m_log.Entries(), std::vector<TLogEntry>{kWriteProblem});
+}
+
+TEST_F(FlashSequenceTest, TheWriteTimeOutLeftByOneRunIsWhereTheNextRunInTheProcessStarts) {
+    SetFirmware(Pattern(1000, 2));
+    CImageLoader& first = PreparedLoader();
+    ScriptWriteStart(m_port, 1000);
+    ScriptFirmwareChunks("");
+    first.Write();  // the only chunk
+    for (int tick = 0; tick < 10; ++tick) {
+        first.Write();  // the first of these closes the file; each counts down
+    }
+    m_port.Send(Bytes("0"));
+    first.Write();  // counts down too: 60 - 11 = 49 left
+    ASSERT_EQ(first.Step(), eStepTerminate);
+    ASSERT_EQ(first.Error(), eLoaderErrorNone);
+
+    // A second loader in the same process: the write has started, the file is done and 49
+    // ticks of the time-out are left, so its silent modem times out after 49 ticks, not 60.
+    const TBytes sent = m_port.Written();
+    CImageLoader& second = PreparedLoader();
+    EXPECT_EQ(WriteUntilTerminated(second, 100), 49u);
+    EXPECT_EQ(second.Error(), eLoaderErrorWrite);
+    EXPECT_EQ(m_port.Written(), sent) << "the second run sends nothing";
+    EXPECT_EQ(m_log.Entries(), std::vector<TLogEntry>{ErrorEntry("Write", "write timed out")});
+}
+
 TEST_F(FlashSequenceTest, SuccessOnTheTickTheTimeOutRunsOutIsReportedAsATimeOut) {
     SetFirmware(Pattern(1000, 2));
     CImageLoader& loader = PreparedLoader();

@@ -2,6 +2,7 @@
 // worker (ACK thread) of one power-up attempt with its bounded wait for the acknowledge.
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <mutex>
 #include <optional>
@@ -192,6 +193,18 @@ INSTANTIATE_TEST_SUITE_P(
                                    {kPinLow, "sleep(6)", kPinHigh},
                                    {kSwitchedOn, kToggleFailed}}),
     [](const ::testing::TestParamInfo<TPrepareCase>& testInfo) { return testInfo.param.name; });
+
+TEST_F(ModemPowerTest, AReadyInputThatExistsButCannotBeReadMeansOff) {
+    // A directory opens for reading but yields no byte: the count read is not 1.
+    const std::string ready = m_directory.Path() + "/ready";
+    ASSERT_EQ(::mkdir(ready.c_str(), 0755), 0);
+    m_power.Init(ready, kControlPin);
+    m_power.Prepare();
+    EXPECT_TRUE(MainTimeline().empty());
+    EXPECT_TRUE(m_commands.Lines().empty());
+    EXPECT_TRUE(m_log.Entries().empty());
+    EXPECT_EQ(m_power.GetState(), CModemPower::eIdle);
+}
 
 TEST_F(ModemPowerTest, PrepareRecordsCarryTheirFixedLinesAndSourceFile) {
     m_commands.SetStatus("echo 0 > ", 1);

@@ -24,8 +24,9 @@ std::string UserName(uid_t user) {
 // The refusal's text after its subject.
 std::string Refusal(const std::string& fault, uid_t owner, const std::string& mode) {
     return ": it " + fault + " (owner " + UserName(owner) + ", mode " + mode +
-           "); whoever can change it runs code as root here; make it writable only by root or " +
-           UserName(::getuid()) + ", or pass --insecure-permissions";
+           "); whoever can change it runs code as root here; make it writable only by " +
+           (::getuid() == 0 ? "root" : "root or " + UserName(::getuid())) +
+           ", or pass --insecure-permissions";
 }
 
 class FilePermissionsTest : public ::testing::Test {
