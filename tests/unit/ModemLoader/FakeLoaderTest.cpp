@@ -56,6 +56,35 @@ TEST_F(FakeLoaderTest, InstallThenTwentyTicksCountsDownAndCompletesOnce) {
     EXPECT_EQ(calls[1].subscription.observer, static_cast<IEventObserver*>(&loader));
 }
 
+// Notes, at Completed, whether the loader was still subscribed to the tick.
+class CSubscriptionAtCompletion : public ILoaderCallback {
+public:
+    explicit CSubscriptionAtCompletion(const CRecordingEventBroker& broker) : m_broker(broker) {}
+    void Progress(unsigned int, unsigned int) override {}
+    void Completed(int) override {
+        m_subscribedAtCompletion = m_broker.HasTickSubscribers();
+        m_unsubscribesAtCompletion = 0;
+        for (const TSubscriptionCall& call : m_broker.SubscriptionCalls()) {
+            m_unsubscribesAtCompletion += call.kind == TSubscriptionCall::eUnsubscribe ? 1 : 0;
+        }
+    }
+    void Aborted() override {}
+
+    const CRecordingEventBroker& m_broker;
+    bool m_subscribedAtCompletion = false;
+    int m_unsubscribesAtCompletion = -1;
+};
+
+TEST_F(FakeLoaderTest, TheLastTickCompletesBeforeItUnsubscribes) {
+    CSubscriptionAtCompletion callback(m_broker);
+    CFakeLoader loader(m_name, m_broker, m_properties, callback);
+    loader.Install();
+    m_broker.Tick(20);
+    EXPECT_TRUE(callback.m_subscribedAtCompletion);
+    EXPECT_EQ(callback.m_unsubscribesAtCompletion, 0);
+    EXPECT_FALSE(m_broker.HasTickSubscribers()) << "and then unsubscribed";
+}
+
 TEST_F(FakeLoaderTest, SecondInstallationContinuesTheProcessWideTickCount) {
     CFakeLoader first(m_name, m_broker, m_properties, m_callback);
     first.Install();

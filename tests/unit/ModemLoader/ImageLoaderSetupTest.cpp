@@ -58,9 +58,23 @@ TEST_F(ImageLoaderSetupTest, PrepareHoldsTheLoaderSourceWholeInMemory) {
 
 TEST_F(ImageLoaderSetupTest, PrepareSwitchesOffAModemThatIsOnBeforeOpeningThePort) {
     m_directory.WriteFile("ready", "1");
+    // At each pin command: how many ports had been opened by then.
+    std::vector<std::size_t> portsAtCommand;
+    m_commands.OnCommand([this, &portsAtCommand](const std::string&) {
+        portsAtCommand.push_back(m_port.CreateCalls().size());
+    });
+    std::size_t portsAtSettle = 0;
+    CVirtualClock::OnSleep([this, &portsAtSettle](const TSleep& sleep) {
+        if (sleep == Seconds(1)) {
+            portsAtSettle = m_port.CreateCalls().size() + 1;  // + 1: seen at all
+        }
+    });
     CImageLoader& loader = MakeLoader();
     EXPECT_TRUE(loader.Prepare());
     EXPECT_EQ(m_commands.Lines(), (std::vector<std::string>{PinLow(), PinHigh()}));
+    EXPECT_EQ(portsAtCommand, (std::vector<std::size_t>{0, 0})) << "the power first";
+    EXPECT_EQ(portsAtSettle, 1u) << "the port not even during the settling second";
+    EXPECT_EQ(m_port.CreateCalls().size(), 1u) << "then the port";
     EXPECT_EQ(CVirtualClock::SleepsOf(m_mainThread), (std::vector<TSleep>{Seconds(6), Seconds(1)}));
     EXPECT_EQ(m_log.Entries(),
               std::vector<TLogEntry>{AlwaysEntry("Prepare", "Modem was switched on")});

@@ -398,11 +398,59 @@ TEST_F(UpdateControllerTest, MountFailurePreparesNoLoaderAndRepliesFailure) {
         << "nothing is read or unmounted after the failed mount";
 }
 
+// The records of a Prepare whose loader failed: none of them is the controller's.
+void ExpectNoControllerRecord(const std::vector<logging::TLogRecord>& records) {
+    for (const logging::TLogRecord& record : records) {
+        EXPECT_NE(record.file, "features/component/ModemLoader/src/ModemLoader")
+            << record.function << ": " << record.text;
+    }
+}
+
 TEST_F(UpdateControllerTest, ALoaderWhosePrepareFailsStillGetsOutcomeOne) {
     m_properties.Remove(kName, "targetfolder");  // the archive loader's Prepare fails
     CreateModule();
     Init();
+    MountStorageBeforehand();
+    m_log.Clear();
     Prepare();
+    EXPECT_EQ(PublishedEvents().back(), Reply(203, 1));
+    ExpectNoControllerRecord(m_log.Records());
+}
+
+TEST_F(UpdateControllerTest, AnImageLoaderWhosePrepareFailsGetsOutcomeOneAndNoControllerRecord) {
+    AddControlPin();
+    m_properties.Remove(kName, "serial");  // the image loader's own key: its Prepare fails
+    CreateModule();
+    Init();
+    MountStorageBeforehand();
+    m_log.Clear();
+    Prepare();
+    EXPECT_EQ(PublishedEvents().back(), Reply(203, 1));
+    const auto records = m_log.Records();
+    ASSERT_FALSE(records.empty());
+    EXPECT_EQ(records.front().function, "Prepare");
+    EXPECT_EQ(records.front().text, "(error encountered while reading properties)\n");
+    ExpectNoControllerRecord(records);
+}
+
+TEST_F(UpdateControllerTest, AParseMissingOnlyRemovableStillUsesTheOtherTenValues) {
+    m_properties.Remove(kName, "removable");
+    StoreRevision("124\n");
+    CreateModule();
+    Init();
+    MountStorageBeforehand();
+    const std::size_t calls = m_files.Calls().size();
+    Prepare();
+    // "movinand", "mountpoint", "revisionfile" and "revision" as read by the failed parse.
+    EXPECT_EQ(FileCallsSince(calls),
+              (std::vector<std::string>{
+                  "Umount /mnt/movinand", "Mount /dev/movinand /mnt/movinand 2",
+                  "FileExists /mnt/movinand/modem_revision", "FOpen /mnt/movinand/modem_revision r",
+                  "FClose /mnt/movinand/modem_revision", "Umount /mnt/movinand"}));
+    EXPECT_EQ(m_log.Entries(),
+              (std::vector<TLogEntry>{
+                  ErrorEntry("ParseProperties", "Failed to retrieve 'removable' property"),
+                  PrepareNote("current version: 124\n"), PrepareNote("Modem already up to date")}));
     EXPECT_EQ(PublishedEvents().back(), Reply(203, 1));
 }
 
