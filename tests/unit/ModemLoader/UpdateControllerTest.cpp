@@ -171,6 +171,16 @@ TEST_F(UpdateControllerTest, AFailedParseLeavesTheControlPathFlagAsItWas) {
 
 // ---- Prepare ----
 
+// The file calls of a Prepare that finds the storage mounted and reads the stored revision.
+std::vector<std::string> RevisionReadCalls() {
+    return {"Umount /mnt/movinand",
+            "Mount /dev/movinand /mnt/movinand 2",
+            "FileExists /mnt/movinand/modem_revision",
+            "FOpen /mnt/movinand/modem_revision r",
+            "FClose /mnt/movinand/modem_revision",
+            "Umount /mnt/movinand"};
+}
+
 TEST_F(UpdateControllerTest, PrepareMountsReadsTheRevisionUnmountsThenPreparesTheLoader) {
     StoreRevision("100\n");
     CreateModule();
@@ -178,11 +188,7 @@ TEST_F(UpdateControllerTest, PrepareMountsReadsTheRevisionUnmountsThenPreparesTh
     MountStorageBeforehand();
     const std::size_t calls = m_files.Calls().size();
     Prepare();
-    EXPECT_EQ(FileCallsSince(calls),
-              (std::vector<std::string>{
-                  "Umount /mnt/movinand", "Mount /dev/movinand /mnt/movinand 2",
-                  "FileExists /mnt/movinand/modem_revision", "FOpen /mnt/movinand/modem_revision r",
-                  "FClose /mnt/movinand/modem_revision", "Umount /mnt/movinand"}));
+    EXPECT_EQ(FileCallsSince(calls), RevisionReadCalls());
     EXPECT_EQ(m_log.Entries(), std::vector<TLogEntry>{PrepareNote("current version: 100\n")});
     EXPECT_EQ(PublishedEvents().back(), Reply(203, 1));
     EXPECT_FALSE(m_files.IsMounted(kMountPoint));
@@ -398,39 +404,37 @@ TEST_F(UpdateControllerTest, MountFailurePreparesNoLoaderAndRepliesFailure) {
         << "nothing is read or unmounted after the failed mount";
 }
 
-// The records of a Prepare whose loader failed: none of them is the controller's.
-void ExpectNoControllerRecord(const std::vector<logging::TLogRecord>& records) {
-    for (const logging::TLogRecord& record : records) {
-        EXPECT_NE(record.file, "features/component/ModemLoader/src/ModemLoader")
-            << record.function << ": " << record.text;
+class FailingLoaderTest : public UpdateControllerTest {
+protected:
+    // A Prepare whose loader fails for want of its own key `missingKey`: the reply still
+    // carries outcome 1, and none of the records is the controller's. Returns the records.
+    std::vector<logging::TLogRecord> PrepareWithoutKey(const std::string& missingKey) {
+        m_properties.Remove(kName, missingKey);
+        CreateModule();
+        Init();
+        MountStorageBeforehand();
+        m_log.Clear();
+        Prepare();
+        EXPECT_EQ(PublishedEvents().back(), Reply(203, 1));
+        const auto records = m_log.Records();
+        for (const logging::TLogRecord& record : records) {
+            EXPECT_NE(record.file, "features/component/ModemLoader/src/ModemLoader")
+                << record.function << ": " << record.text;
+        }
+        return records;
     }
+};
+
+TEST_F(FailingLoaderTest, AnArchiveLoaderWhosePrepareFailsStillGetsOutcomeOne) {
+    PrepareWithoutKey("targetfolder");
 }
 
-TEST_F(UpdateControllerTest, ALoaderWhosePrepareFailsStillGetsOutcomeOne) {
-    m_properties.Remove(kName, "targetfolder");  // the archive loader's Prepare fails
-    CreateModule();
-    Init();
-    MountStorageBeforehand();
-    m_log.Clear();
-    Prepare();
-    EXPECT_EQ(PublishedEvents().back(), Reply(203, 1));
-    ExpectNoControllerRecord(m_log.Records());
-}
-
-TEST_F(UpdateControllerTest, AnImageLoaderWhosePrepareFailsGetsOutcomeOneAndNoControllerRecord) {
+TEST_F(FailingLoaderTest, AnImageLoaderWhosePrepareFailsGetsOutcomeOneAndNoControllerRecord) {
     AddControlPin();
-    m_properties.Remove(kName, "serial");  // the image loader's own key: its Prepare fails
-    CreateModule();
-    Init();
-    MountStorageBeforehand();
-    m_log.Clear();
-    Prepare();
-    EXPECT_EQ(PublishedEvents().back(), Reply(203, 1));
-    const auto records = m_log.Records();
+    const auto records = PrepareWithoutKey("serial");
     ASSERT_FALSE(records.empty());
     EXPECT_EQ(records.front().function, "Prepare");
     EXPECT_EQ(records.front().text, "(error encountered while reading properties)\n");
-    ExpectNoControllerRecord(records);
 }
 
 TEST_F(UpdateControllerTest, AParseMissingOnlyRemovableStillUsesTheOtherTenValues) {
@@ -442,11 +446,7 @@ TEST_F(UpdateControllerTest, AParseMissingOnlyRemovableStillUsesTheOtherTenValue
     const std::size_t calls = m_files.Calls().size();
     Prepare();
     // "movinand", "mountpoint", "revisionfile" and "revision" as read by the failed parse.
-    EXPECT_EQ(FileCallsSince(calls),
-              (std::vector<std::string>{
-                  "Umount /mnt/movinand", "Mount /dev/movinand /mnt/movinand 2",
-                  "FileExists /mnt/movinand/modem_revision", "FOpen /mnt/movinand/modem_revision r",
-                  "FClose /mnt/movinand/modem_revision", "Umount /mnt/movinand"}));
+    EXPECT_EQ(FileCallsSince(calls), RevisionReadCalls());
     EXPECT_EQ(m_log.Entries(),
               (std::vector<TLogEntry>{
                   ErrorEntry("ParseProperties", "Failed to retrieve 'removable' property"),
