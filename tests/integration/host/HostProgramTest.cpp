@@ -165,6 +165,23 @@ TEST_F(HostProgramTest, InfoNamesThePluginsFeatureType) {
                               "entry points: FeatureType, FeatureCreate2\n");
 }
 
+TEST_F(HostProgramTest, InfoNamesTheTypeOfAnyFeaturePlugin) {
+    const TChildResult result = RunHost({"info", "--plugin", OTHER_TYPE_PLUGIN});
+    EXPECT_EQ(result.exitCode, 0) << Describe(result);
+    EXPECT_EQ(result.out, std::string("plugin: ") + OTHER_TYPE_PLUGIN +
+                              "\nfeature type: navigation\n"
+                              "entry points: FeatureType, FeatureCreate2\n");
+    EXPECT_EQ(result.err, "");
+}
+
+TEST_F(HostProgramTest, InfoLoadsTheExampleFeatureOfThePlatformSdk) {
+    const TChildResult result = RunHost({"info", "--plugin", HELLO_FEATURE_PLUGIN});
+    EXPECT_EQ(result.exitCode, 0) << Describe(result);
+    EXPECT_EQ(result.out, std::string("plugin: ") + HELLO_FEATURE_PLUGIN +
+                              "\nfeature type: hello\n"
+                              "entry points: FeatureType, FeatureCreate2\n");
+}
+
 struct TUsageCase {
     const char* name;
     std::vector<std::string> arguments;
