@@ -13,6 +13,13 @@ set(MODEMLOADER_INSTALL_INCLUDEDIR ${CMAKE_INSTALL_INCLUDEDIR}/modemloader-platf
 set(MODEMLOADER_INSTALL_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/ModemLoaderPlatform)
 set(MODEMLOADER_INSTALL_FEATUREDIR ${CMAKE_INSTALL_LIBDIR}/modemloader/features)
 
+# Under /usr the dynamic loader finds libhostservices by itself and Debian's packages carry no run
+# path; under any other prefix the installed programs look for it relative to bin/. (A plug-in
+# needs none: the host that loads it has libhostservices loaded already.)
+if(NOT CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+    set(CMAKE_INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
+endif()
+
 # libhostservices' ABI version: raise the SOVERSION whenever a header of platform/include changes
 # a virtual table, a record or a signature that a built plug-in depends on.
 set(MODEMLOADER_HOSTSERVICES_SOVERSION 0)

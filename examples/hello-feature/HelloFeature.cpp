@@ -19,13 +19,16 @@ void CHelloFeature::OnEvent(const TEvent& event) {
         return;
     }
     // Prepare is addressed by name: the payload is the name's characters, nothing more.
-    const std::string addressee(static_cast<const char*>(event.data), event.size);
+    const std::string addressee =
+        event.size == 0 ? std::string()
+                        : std::string(static_cast<const char*>(event.data), event.size);
     if (addressee == m_name) {
         ReplyPrepared();
     }
 }
 
 void CHelloFeature::ReplyPrepared() {
+    // The host's logging service has a single channel, which every feature shares.
     logging::internals::CLogHandle(logging::categories::Always, logging::ModemLoader, __func__,
                                    __FILE__, __LINE__)
         << "(Hello from " << m_name << ")\n";
