@@ -91,7 +91,9 @@ int Info(const THostOptions& options) {
     }
     std::printf("plugin: %s\nfeature type: %s\nentry points: %s, %s\n", plugin->Path().c_str(),
                 plugin->FeatureType().c_str(), kFeatureTypeSymbol, kFeatureCreate2Symbol);
-    return plugin->FeatureType() == kExpectedFeatureType ? 0 : CUpdateController::eHostError;
+    // Any feature plug-in may be inspected (one built against the platform SDK, say); only
+    // `update` insists on a modem loader.
+    return 0;
 }
 
 class CNoInterfaces : public IInterfaceBroker {};

@@ -28,6 +28,9 @@ struct TDevicePrograms {
     std::string blobFolder;   // the device-tree blobs made by the build
     std::string asanRuntime;  // preloaded before the interposer in AddressSanitizer builds
     bool addressSanitizer = false;
+    // The host's LD_LIBRARY_PATH: the libraries of installed programs unpacked under a temporary
+    // root; empty for this build's programs, which find theirs by their run path.
+    std::string libraryPath;
 };
 
 struct TDeviceSettings {

@@ -270,6 +270,9 @@ std::vector<std::string> CSimulatedDevice::HostEnvironment() const {
     // needs the AddressSanitizer runtime loaded before it (GCC links the runtime dynamically and
     // checks that it comes first).
     std::vector<std::string> environment;
+    if (!m_programs.libraryPath.empty()) {
+        environment.push_back("LD_LIBRARY_PATH=" + m_programs.libraryPath);
+    }
     if (m_settings.deviceTree == TDeviceTree::eNoInterposer) {
         return environment;
     }

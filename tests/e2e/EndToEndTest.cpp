@@ -15,8 +15,8 @@ void EndToEndTest::SetUp() {
     }
 }
 
-void EndToEndTest::MakeDevice(const TDeviceSettings& settings) {
-    const CStatus made = CSimulatedDevice::Create(settings, m_device);
+void EndToEndTest::MakeDevice(const TDeviceSettings& settings, const TDevicePrograms& programs) {
+    const CStatus made = CSimulatedDevice::Create(settings, m_device, programs);
     ASSERT_TRUE(made.IsOk()) << made.Message();
 }
 

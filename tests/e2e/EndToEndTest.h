@@ -19,7 +19,8 @@ protected:
     void SetUp() override;
 
     // Makes the device; a harness failure fails the test (check with HasFatalFailure()).
-    void MakeDevice(const TDeviceSettings& settings);
+    void MakeDevice(const TDeviceSettings& settings,
+                    const TDevicePrograms& programs = CSimulatedDevice::BuiltPrograms());
     // Runs one update on the device made.
     void RunUpdate(const TUpdateOptions& options = TUpdateOptions());
 

@@ -158,13 +158,35 @@ TEST_F(HostProgramTest, HelpPrintsTheUsageAndExitsZero) {
     EXPECT_EQ(result.err, "");
 }
 
-TEST_F(HostProgramTest, InfoNamesThePluginsFeatureType) {
-    const TChildResult result = RunHost({"info", "--plugin", MODEMLOADER_PLUGIN});
+// info loads any feature plug-in, the SDK's example among them; only update insists on the type.
+struct TInfoCase {
+    const char* name;
+    const char* plugin;
+    const char* featureType;
+};
+
+void PrintTo(const TInfoCase& testCase, std::ostream* stream) { *stream << testCase.name; }
+
+class HostProgramInfoTest : public HostProgramTest,
+                            public ::testing::WithParamInterface<TInfoCase> {};
+
+TEST_P(HostProgramInfoTest, PrintsThePathTheFeatureTypeAndTheEntryPoints) {
+    const TChildResult result = RunHost({"info", "--plugin", GetParam().plugin});
     EXPECT_EQ(result.exitCode, 0) << Describe(result);
-    EXPECT_EQ(result.out, std::string("plugin: ") + MODEMLOADER_PLUGIN +
-                              "\nfeature type: modemloader\n"
-                              "entry points: FeatureType, FeatureCreate2\n");
+    EXPECT_EQ(result.out, std::string("plugin: ") + GetParam().plugin +
+                              "\nfeature type: " + GetParam().featureType +
+                              "\nentry points: FeatureType, FeatureCreate2\n");
+    EXPECT_EQ(result.err, "");
 }
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, HostProgramInfoTest,
+    ::testing::Values(TInfoCase{"ModemLoader", MODEMLOADER_PLUGIN, "modemloader"},
+                      TInfoCase{"AnotherFeatureType", OTHER_TYPE_PLUGIN, "navigation"},
+                      TInfoCase{"SdkExampleFeature", HELLO_FEATURE_PLUGIN, "hello"}),
+    [](const ::testing::TestParamInfo<TInfoCase>& testCase) {
+        return std::string(testCase.param.name);
+    });
 
 struct TUsageCase {
     const char* name;
