@@ -183,7 +183,7 @@ TEST_F(MenderUpdateTest, ModemAlreadyUpToDateInstallsWithoutFlashing) {
     ExpectSummary({{"power_ups", 0}, {"loader_bytes", 0}, {"bytes_flashed", 0}});
     EXPECT_FALSE(std::filesystem::exists(m_device->FlashFile()) &&
                  std::filesystem::file_size(m_device->FlashFile()) > 0);
-    EXPECT_EQ(StorageFile("revision"), "124");
+    EXPECT_EQ(StorageFile("revision"), kWrittenRevision);
     EXPECT_EQ(InstalledArtifact(), kNewArtifact);
 }
 
@@ -297,7 +297,7 @@ INSTANTIATE_TEST_SUITE_P(
     Faults, MenderFaultTest,
     ::testing::Values(TMenderFaultCase{"NoSync",
                                        {"--fault", "no-sync"},
-                                       "HOSTLOG_NOSYNC",
+                                       "Always Prepare: Modem was switched on",
                                        {{"power_ups", 5}, {"sync_echoes", 0}, {"loader_bytes", 0}}},
                       TMenderFaultCase{
                           "LoaderChecksumError",
