@@ -2,6 +2,8 @@
 // device: an artifact made with modem-artifact, installed by the real Mender client in standalone
 // mode through the update module, checked and reported. See `modemloader-mender-demo --help`.
 
+#include <stdlib.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -52,13 +54,13 @@ int Shell(const CSimulatedDevice& device, const CMenderClient& client) {
         "docs/mender.md; `exit` removes the device.\n\n",
         device.Directory().c_str(), client.Directory().c_str());
     std::fflush(stdout);
-    TChildOptions options;
-    options.captureOutput = false;
-    options.timeout = std::chrono::hours(24);
-    options.extraEnvironment = {"DEVICE=" + device.Directory(), "CLIENT=" + client.Directory(),
-                                "MODEM_ARTIFACT=" + CMenderClient::ArtifactMakerPath()};
-    const TChildResult shell = CChildProcess::Run({"/bin/sh", "-i"}, options);
-    return shell.started ? 0 : Fail("running a shell: " + shell.error);
+    // The shell reads our standard input (a person, or commands piped in), which CChildProcess
+    // would replace with /dev/null; the variables go into our environment, which it inherits.
+    ::setenv("DEVICE", device.Directory().c_str(), 1);
+    ::setenv("CLIENT", client.Directory().c_str(), 1);
+    ::setenv("MODEM_ARTIFACT", CMenderClient::ArtifactMakerPath().c_str(), 1);
+    const int status = std::system("/bin/sh -i");
+    return status == -1 ? Fail("running a shell") : 0;
 }
 
 int Demo(const CSimulatedDevice& device, const CMenderClient& client) {
@@ -82,8 +84,8 @@ int Demo(const CSimulatedDevice& device, const CMenderClient& client) {
     std::string revision;
     const bool flashed = device.ReadFlash(flash).IsOk() && flash == device.Firmware();
     // The plug-in writes the revision with its terminating NUL.
-    const bool recorded = device.ReadStorageFile("revision", revision).IsOk() &&
-                          revision == std::string("124\0", 4);
+    const bool recorded =
+        device.ReadStorageFile("revision", revision).IsOk() && revision == std::string("124\0", 4);
     std::printf("\n=== checks\nmodem flash equals the firmware (%zu bytes): %s\n",
                 device.Firmware().size(), flashed ? "yes" : "NO");
     std::printf("storage revision is 124: %s\n", recorded ? "yes" : "NO");
