@@ -227,27 +227,32 @@ protected:
         MakeClient(setup);
     }
 
+    // Installs an artifact signed with the key `keyName` ("fleet", "other"), or unsigned.
+    void InstallSignedWith(const std::string& keyName) {
+        TArtifactRequest request;
+        if (!keyName.empty()) {
+            request.key = m_keys->PathOf(keyName + ".key");
+        }
+        Install(MakeArtifact(request));
+    }
+
     std::unique_ptr<CMenderClient> m_keys;
 };
 
 TEST_F(MenderSigningTest, UnsignedArtifactIsRefusedBeforeTheModuleRuns) {
-    Install(MakeArtifact());
+    InstallSignedWith("");
     ASSERT_FALSE(HasFatalFailure());
     ExpectRefusedBeforeTheModule("expecting signed artifact, but no signature file found");
 }
 
 TEST_F(MenderSigningTest, ArtifactSignedWithAnotherKeyIsRefusedBeforeTheModuleRuns) {
-    TArtifactRequest request;
-    request.key = m_keys->PathOf("other.key");
-    Install(MakeArtifact(request));
+    InstallSignedWith("other");
     ASSERT_FALSE(HasFatalFailure());
     ExpectRefusedBeforeTheModule("invalid signature: signer: verification failed");
 }
 
 TEST_F(MenderSigningTest, ArtifactSignedWithTheFleetKeyInstalls) {
-    TArtifactRequest request;
-    request.key = m_keys->PathOf("fleet.key");
-    Install(MakeArtifact(request));
+    InstallSignedWith("fleet");
     ASSERT_FALSE(HasFatalFailure());
     EXPECT_EQ(m_install.exitCode, 0) << ::Describe(m_install);
     ExpectFlashed();

@@ -16,12 +16,6 @@ constexpr char kModuleName[] = "modem-firmware";
 constexpr char kHostTimeoutSeconds[] = "120";
 constexpr auto kClientTimeout = std::chrono::seconds(180);
 
-bool InPath(const std::string& program) {
-    TChildOptions options;
-    options.timeout = std::chrono::seconds(10);
-    return CChildProcess::Run({"sh", "-c", "command -v " + program}, options).exitCode == 0;
-}
-
 std::string JsonString(const std::string& text) {
     std::string quoted = "\"";
     for (char character : text) {
@@ -45,12 +39,12 @@ std::string CMenderClient::MissingPrerequisite() {
         return "the Mender client's private mount namespace needs root";
     }
     for (const char* program : {"mender", "mender-artifact"}) {
-        if (!InPath(program)) {
+        if (!IsInPath(program)) {
             return std::string(program) + " is not installed (Debian: " +
                    (std::string(program) == "mender" ? "mender-client" : program) + ")";
         }
     }
-    if (!InPath("unshare")) {
+    if (!IsInPath("unshare")) {
         return "unshare is not installed (util-linux)";
     }
     for (const char* folder : {kModulesFolder, kConfigFolder}) {
