@@ -5,7 +5,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
+#include <fstream>
 
 #include "EndToEndTest.h"
 #include "MenderClient.h"
@@ -200,6 +202,33 @@ TEST_F(MenderUpdateTest, WrongDeviceTypeIsRefusedByTheClient) {
 
     ExpectRefusedBeforeTheModule(
         "image (device types [another-car]) not compatible with device modemloader-sim");
+}
+
+TEST_F(MenderUpdateTest, MisspeltModuleSettingFailsTheInstallBeforeTheHostRuns) {
+    MakeDevice(Settings());
+    ASSERT_FALSE(HasFatalFailure());
+    MakeClient();
+    ASSERT_FALSE(HasFatalFailure());
+    std::string settings;
+    ASSERT_TRUE(ReadWholeFile(m_client->PathOf("etc/modem-firmware.conf"), settings).IsOk());
+    {
+        std::ofstream file(m_client->PathOf("etc/modem-firmware.conf"), std::ios::app);
+        file << "tickms = 5\n";
+    }
+
+    Install(MakeArtifact());
+    ASSERT_FALSE(HasFatalFailure());
+
+    EXPECT_NE(m_install.exitCode, 0) << ::Describe(m_install);
+    const std::size_t lines =
+        static_cast<std::size_t>(std::count(settings.begin(), settings.end(), '\n'));
+    EXPECT_NE(m_install.err.find("modem-firmware: settings /etc/mender/modem-firmware.conf:" +
+                                 std::to_string(lines + 1) + ": unknown key 'tickms'"),
+              std::string::npos)
+        << ::Describe(m_install);
+    ExpectSummary({{"power_ups", 0}, {"loader_bytes", 0}, {"bytes_flashed", 0}});
+    EXPECT_EQ(StorageFile("revision"), "100");
+    EXPECT_EQ(InstalledArtifact(), kOldArtifact);
 }
 
 // Signing: the client holds the fleet's public key and installs only what its private half
