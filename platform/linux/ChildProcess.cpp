@@ -221,3 +221,9 @@ std::string Describe(const TChildResult& result) {
     }
     return text;
 }
+
+bool IsInPath(const std::string& program) {
+    TChildOptions options;
+    options.timeout = std::chrono::seconds(10);
+    return CChildProcess::Run({"sh", "-c", "command -v " + program}, options).exitCode == 0;
+}

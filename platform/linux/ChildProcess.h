@@ -40,5 +40,8 @@ public:
 // For failure messages: how it ended, and both streams.
 std::string Describe(const TChildResult& result);
 
+// Whether `program` is found in PATH (`command -v`), for callers that check their tools first.
+bool IsInPath(const std::string& program);
+
 // The environment of this process with `extra` ("NAME=value") added or replacing.
 std::vector<std::string> MergedEnvironment(const std::vector<std::string>& extra);

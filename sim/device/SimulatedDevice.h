@@ -54,6 +54,7 @@ public:
     [[nodiscard]] CStatus StopModem(nlohmann::json& summary);
 
     const TDeviceSettings& Settings() const { return m_settings; }
+    const TDevicePrograms& Programs() const { return m_programs; }
     const std::string& Directory() const { return m_directory.Path(); }
     std::string PathOf(const std::string& name) const { return m_directory.Join(name); }
     std::string Image() const { return PathOf("movinand.img"); }
