@@ -8,6 +8,8 @@
 #include "Prerequisite.h"
 #include "ScratchDirectory.h"
 
+const std::string kWrittenRevision("124\0", 4);
+
 void EndToEndTest::SetUp() {
     const std::string missing = CSimulatedDevice::MissingPrerequisite();
     if (!missing.empty()) {
@@ -15,8 +17,8 @@ void EndToEndTest::SetUp() {
     }
 }
 
-void EndToEndTest::MakeDevice(const TDeviceSettings& settings) {
-    const CStatus made = CSimulatedDevice::Create(settings, m_device);
+void EndToEndTest::MakeDevice(const TDeviceSettings& settings, const TDevicePrograms& programs) {
+    const CStatus made = CSimulatedDevice::Create(settings, m_device, programs);
     ASSERT_TRUE(made.IsOk()) << made.Message();
 }
 
@@ -61,6 +63,19 @@ void EndToEndTest::ExpectSummary(const nlohmann::json& expected) const {
             << "summary field \"" << key << "\"\n"
             << m_result.modemSummary.dump(1);
     }
+}
+
+void EndToEndTest::ExpectFlashedAndRecorded(std::size_t firmwareBytes) const {
+    std::string flash;
+    ASSERT_TRUE(m_device->ReadFlash(flash).IsOk());
+    EXPECT_EQ(flash.size(), firmwareBytes);
+    EXPECT_TRUE(flash == m_device->Firmware()) << "the flash differs from the firmware";
+    ExpectSummary({{"loader_ok", true},
+                   {"commands", expected::CompleteCommands(firmwareBytes)},
+                   {"bytes_flashed", firmwareBytes},
+                   {"write_complete", true}});
+    EXPECT_EQ(StorageFile("revision"), kWrittenRevision);
+    ExpectStorageReleased();
 }
 
 void EndToEndTest::ExpectStorageReleased() const {

@@ -14,12 +14,16 @@
 #include "SimulatedDevice.h"
 #include "UpdateRecords.h"
 
+// The revision file the module writes for the update on offer ("124"): its terminator included.
+extern const std::string kWrittenRevision;
+
 class EndToEndTest : public ::testing::Test {
 protected:
     void SetUp() override;
 
     // Makes the device; a harness failure fails the test (check with HasFatalFailure()).
-    void MakeDevice(const TDeviceSettings& settings);
+    void MakeDevice(const TDeviceSettings& settings,
+                    const TDevicePrograms& programs = CSimulatedDevice::BuiltPrograms());
     // Runs one update on the device made.
     void RunUpdate(const TUpdateOptions& options = TUpdateOptions());
 
@@ -30,6 +34,10 @@ protected:
 
     // Each key of `expected` has that value in the emulator's summary.
     void ExpectSummary(const nlohmann::json& expected) const;
+    // What every complete flash leaves behind: the modem's flash equals the firmware, the
+    // emulator saw the whole command sequence and the end of the write, and the storage holds
+    // the new revision "124" (exactly four bytes, with its terminator) and is released again.
+    void ExpectFlashedAndRecorded(std::size_t firmwareBytes) const;
     // Nothing of the storage is mounted or attached to a loop device after the run.
     void ExpectStorageReleased() const;
     std::string StorageFile(const std::string& relativePath) const;  // "" with a failure
