@@ -78,6 +78,23 @@ void EndToEndTest::ExpectFlashedAndRecorded(std::size_t firmwareBytes) const {
     ExpectStorageReleased();
 }
 
+void EndToEndTest::ExpectCompleteUpdate(std::size_t firmwareBytes) const {
+    EXPECT_EQ(m_result.exitCode, 0) << Describe();
+    EXPECT_EQ(Lines(), expected::CompleteFlash(firmwareBytes)) << Describe();
+    EXPECT_EQ(Power(), (std::vector<std::string>{"cmd echo 0 > control = 0",
+                                                 "Always Work: Finished ACK thread"}))
+        << Describe();
+
+    ExpectFlashedAndRecorded(firmwareBytes);
+    ExpectSummary(
+        {{"power_ups", 1}, {"power_offs", 0}, {"sync_attempts", 1}, {"loader_bytes", 1024}});
+    EXPECT_GE(m_result.modemSummary.value("sync_echoes", 0), 1);
+
+    // "removable" is 1: the four sources and the flag file are gone.
+    EXPECT_TRUE(SourcesGone());
+    EXPECT_EQ(m_device->ListStorageFolder(""), (std::vector<std::string>{"revision"}));
+}
+
 void EndToEndTest::ExpectStorageReleased() const {
     EXPECT_FALSE(m_device->IsStorageMounted()) << m_device->MountPoint();
     // The host's loop devices clear themselves once unmounted and closed; the kernel may take a

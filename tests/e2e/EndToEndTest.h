@@ -38,6 +38,10 @@ protected:
     // emulator saw the whole command sequence and the end of the write, and the storage holds
     // the new revision "124" (exactly four bytes, with its terminator) and is released again.
     void ExpectFlashedAndRecorded(std::size_t firmwareBytes) const;
+    // A whole update of `firmwareBytes` from the stored revision "100" with removable sources:
+    // exit 0, every trace line, one power-up with its one sync, the flash and the revision as
+    // ExpectFlashedAndRecorded, and nothing left but "revision" on the storage.
+    void ExpectCompleteUpdate(std::size_t firmwareBytes) const;
     // Nothing of the storage is mounted or attached to a loop device after the run.
     void ExpectStorageReleased() const;
     std::string StorageFile(const std::string& relativePath) const;  // "" with a failure
