@@ -287,5 +287,30 @@ CStatus CBenchFigures::Footprint() {
               << FormatValue(static_cast<double>(dependency.bytes) / 1024, 1, "KiB") << " |\n";
     }
     m_notes += notes.str();
+    return m_options.targetPlugin.empty() ? CStatus::Ok()
+                                          : TargetFootprint(footprint.strippedBytes);
+}
+
+CStatus CBenchFigures::TargetFootprint(std::size_t nativeStrippedBytes) {
+    CScratchDirectory scratch;
+    if (CStatus status = scratch.Make("/tmp/modemloader-footprint-"); !status) {
+        return status.WithContext("armhf footprint");
+    }
+    CSamples stripped;
+    TFootprint footprint;
+    for (unsigned run = 0; run < m_options.runs; ++run) {
+        if (CStatus status = CFootprintMeasure::MeasureStripped(
+                m_options.targetPlugin, "arm-linux-gnueabihf-strip", scratch.Path(), footprint);
+            !status) {
+            return status.WithContext("armhf footprint");
+        }
+        stripped.Add(static_cast<double>(footprint.strippedBytes) / 1024);
+    }
+    m_table.Add(TResultRow{"6b",
+                           "Footprint on the target: the armhf plug-in stripped (" +
+                               Fixed(static_cast<double>(footprint.builtBytes) / 1024, 1) +
+                               " KiB as built, armhf preset)",
+                           "KiB", 1, stripped, static_cast<double>(nativeStrippedBytes) / 1024,
+                           "the x86-64 plug-in stripped, figure 6"});
     return CStatus::Ok();
 }

@@ -4,6 +4,7 @@
 // 64 MiB update for memory (4a, 4b), the archive copy against cp (5) and the footprint (6). Each
 // is measured `runs` times; progress lines go to stderr as the runs finish.
 
+#include <cstddef>
 #include <set>
 #include <string>
 
@@ -14,6 +15,8 @@ struct TBenchOptions {
     std::string output = ".";  // where results.md and the plot go
     unsigned runs = 3;
     std::set<int> figures{1, 2, 3, 4, 5, 6};
+    // The armhf build's plug-in for the target's footprint row (6b); none when empty.
+    std::string targetPlugin;
     bool help = false;
 };
 
@@ -40,6 +43,8 @@ private:
     CStatus Memory();
     CStatus ArchiveCopy();
     CStatus Footprint();
+    // Row 6b, compared with the x86-64 plug-in's stripped size.
+    CStatus TargetFootprint(std::size_t nativeStrippedBytes);
 
     const TBenchOptions& m_options;
     CResultTable m_table;

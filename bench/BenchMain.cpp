@@ -23,7 +23,7 @@ constexpr int kExitUsage = 2;
 constexpr char kResultsFile[] = "results.md";
 
 const char kUsage[] =
-    "usage: modemloader-bench [--output DIR] [--runs N] [--only LIST]\n"
+    "usage: modemloader-bench [--output DIR] [--runs N] [--only LIST] [--target-plugin SO]\n"
     "\n"
     "Measures the modem loader on this machine and prints one table: each figure's median, min\n"
     "and max over N runs, the limit it is compared with and the ratio. Writes the table to\n"
@@ -34,6 +34,7 @@ const char kUsage[] =
     "  --runs N      runs per figure (default 3; the table is meant to be read with 3 or more)\n"
     "  --only LIST   only these figures, comma-separated: 1 line rate, 2 tick-limited rate,\n"
     "                3 CPU (measured during 1), 4 memory, 5 archive copy, 6 footprint\n"
+    "  --target-plugin SO  with figure 6, also the armhf build's plug-in stripped (row 6b)\n"
     "\n"
     "Figures are explained in docs/performance.md. Exit status: 0 measured, 1 a measurement\n"
     "could not be made (the reason on stderr), 2 usage.\n";
@@ -71,6 +72,8 @@ bool ParseOptions(int argc, char** argv, TBenchOptions& options, std::string& er
                 return false;
             }
             options.runs = static_cast<unsigned>(std::stoul(value));
+        } else if (option == "--target-plugin") {
+            options.targetPlugin = value;
         } else if (option == "--only") {
             if (!ParseFigures(value, options.figures)) {
                 error = "--only: '" + value + "' is not a list of figures 1 to 6";

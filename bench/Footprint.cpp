@@ -36,18 +36,24 @@ std::size_t TFootprint::DependencyBytes() const {
     return total;
 }
 
-CStatus CFootprintMeasure::Measure(const std::string& plugin, const std::string& scratchFolder,
-                                   TFootprint& footprint) {
+CStatus CFootprintMeasure::MeasureStripped(const std::string& plugin, const std::string& strip,
+                                           const std::string& scratchFolder,
+                                           TFootprint& footprint) {
     footprint = TFootprint();
     if (CStatus status = FileBytes(plugin, footprint.builtBytes); !status) {
         return status;
     }
     const std::string stripped = scratchFolder + "/libmodemloader.stripped.so";
-    const TChildResult strip = CChildProcess::Run({"strip", "-o", stripped, plugin});
-    if (strip.exitCode != 0) {
-        return CStatus::Failure("strip " + plugin + ": " + Describe(strip));
+    const TChildResult stripRun = CChildProcess::Run({strip, "-o", stripped, plugin});
+    if (stripRun.exitCode != 0) {
+        return CStatus::Failure(strip + " " + plugin + ": " + Describe(stripRun));
     }
-    if (CStatus status = FileBytes(stripped, footprint.strippedBytes); !status) {
+    return FileBytes(stripped, footprint.strippedBytes);
+}
+
+CStatus CFootprintMeasure::Measure(const std::string& plugin, const std::string& scratchFolder,
+                                   TFootprint& footprint) {
+    if (CStatus status = MeasureStripped(plugin, "strip", scratchFolder, footprint); !status) {
         return status;
     }
 

@@ -28,4 +28,10 @@ public:
     // Strips a copy of `plugin` in `scratchFolder` and resolves its dependencies.
     [[nodiscard]] static CStatus Measure(const std::string& plugin,
                                          const std::string& scratchFolder, TFootprint& footprint);
+    // Only the sizes as built and stripped, with `strip` (the target's own strip for a plug-in
+    // built for another machine, which ldd cannot resolve here).
+    [[nodiscard]] static CStatus MeasureStripped(const std::string& plugin,
+                                                 const std::string& strip,
+                                                 const std::string& scratchFolder,
+                                                 TFootprint& footprint);
 };

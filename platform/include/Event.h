@@ -55,3 +55,9 @@ static_assert(sizeof(TControllerReply) == 68, "TControllerReply is 68 bytes");
 static_assert(offsetof(TControllerReply, outcome) == 64, "outcome follows the 64-byte name");
 static_assert(sizeof(TControllerProgress) == 65, "TControllerProgress is 65 bytes");
 static_assert(offsetof(TControllerProgress, percent) == 64, "percent follows the 64-byte name");
+
+#if defined(__arm__)
+// The in-car unit is 32-bit ARM: there the record is exactly the host's four 32-bit words.
+static_assert(sizeof(TEvent) == 16, "TEvent is 16 bytes on the 32-bit target");
+static_assert(offsetof(TEvent, data) == 12, "data is the fourth 32-bit word on the target");
+#endif

@@ -21,7 +21,10 @@ enum class TDeviceTree {
 
 // The programs a device is driven with; by default the ones this build made.
 struct TDevicePrograms {
-    std::string host;         // modemloader-host
+    std::string host;  // modemloader-host
+    // What the host is started with when it is built for another machine (qemu-arm-static for
+    // the armhf build): empty to start it directly.
+    std::vector<std::string> hostLauncher;
     std::string plugin;       // libmodemloader.so
     std::string modemSim;     // modem-sim
     std::string interposer;   // libfdtexport_interposer.so

@@ -83,6 +83,9 @@ std::string CSimulatedDevice::MissingPrerequisite(const TDevicePrograms& program
             return std::string(program) + " is not installed (e2fsprogs)";
         }
     }
+    if (!programs.hostLauncher.empty() && !InPath(programs.hostLauncher.front())) {
+        return programs.hostLauncher.front() + " is not installed, and the host needs it";
+    }
     for (const std::string& path : {programs.host, programs.plugin, programs.modemSim,
                                     programs.interposer, programs.blobFolder}) {
         if (::access(path.c_str(), R_OK) != 0) {
@@ -253,8 +256,12 @@ std::string CSimulatedDevice::DeviceTreeBlob() const {
 std::vector<std::string> CSimulatedDevice::HostArguments(const TUpdateOptions& options) const {
     std::ostringstream timeout;
     timeout << options.timeoutSeconds;
-    std::vector<std::string> arguments{m_programs.host, "update",    "--config",  ConfigFile(),
-                                       "--trace",       TraceFile(), "--timeout", timeout.str()};
+    std::vector<std::string> arguments = m_programs.hostLauncher;
+    for (const std::string& argument :
+         {m_programs.host, std::string("update"), std::string("--config"), ConfigFile(),
+          std::string("--trace"), TraceFile(), std::string("--timeout"), timeout.str()}) {
+        arguments.push_back(argument);
+    }
     if (options.abortAfterMs) {
         arguments.push_back("--abort-after-ms");
         arguments.push_back(std::to_string(*options.abortAfterMs));

@@ -299,10 +299,21 @@ EXPORTED int stat64(const char* restrict path, struct stat64* restrict status) {
             struct stat narrow;
             const int result = ExportStatus(&choice, &narrow);
             if (result == 0) {
-                /* On the 64-bit targets this runs on, the two records are laid out alike. */
-                _Static_assert(sizeof(struct stat) == sizeof(struct stat64),
-                               "stat and stat64 differ on this platform");
-                memcpy(status, &narrow, sizeof narrow);
+                /* Field by field: on 32-bit targets (armhf) the two records differ in layout. */
+                memset(status, 0, sizeof *status);
+                status->st_dev = narrow.st_dev;
+                status->st_ino = narrow.st_ino;
+                status->st_mode = narrow.st_mode;
+                status->st_nlink = narrow.st_nlink;
+                status->st_uid = narrow.st_uid;
+                status->st_gid = narrow.st_gid;
+                status->st_rdev = narrow.st_rdev;
+                status->st_size = narrow.st_size;
+                status->st_blksize = narrow.st_blksize;
+                status->st_blocks = narrow.st_blocks;
+                status->st_atim = narrow.st_atim;
+                status->st_mtim = narrow.st_mtim;
+                status->st_ctim = narrow.st_ctim;
             }
             return result;
         }

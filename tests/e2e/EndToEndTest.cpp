@@ -2,11 +2,15 @@
 
 #include <unistd.h>
 
+#include <algorithm>
+
 #include <chrono>
 #include <thread>
 
 #include "Prerequisite.h"
 #include "ScratchDirectory.h"
+
+const std::string kWrittenRevision("124\0", 4);
 
 void EndToEndTest::SetUp() {
     const std::string missing = CSimulatedDevice::MissingPrerequisite();
@@ -61,6 +65,52 @@ void EndToEndTest::ExpectSummary(const nlohmann::json& expected) const {
             << "summary field \"" << key << "\"\n"
             << m_result.modemSummary.dump(1);
     }
+}
+
+void EndToEndTest::ExpectFlashedAndRecorded(std::size_t firmwareBytes) const {
+    std::string flash;
+    ASSERT_TRUE(m_device->ReadFlash(flash).IsOk());
+    EXPECT_EQ(flash.size(), firmwareBytes);
+    EXPECT_TRUE(flash == m_device->Firmware()) << "the flash differs from the firmware";
+    ExpectSummary({{"loader_ok", true},
+                   {"commands", expected::CompleteCommands(firmwareBytes)},
+                   {"bytes_flashed", firmwareBytes},
+                   {"write_complete", true}});
+    EXPECT_EQ(StorageFile("revision"), kWrittenRevision);
+    ExpectStorageReleased();
+    ExpectImageLoaderSourceFile();
+}
+
+void EndToEndTest::ExpectImageLoaderSourceFile() const {
+    const std::vector<std::string> functions = {"Sync", "PrepareFlash", "Write"};
+    std::size_t records = 0;
+    for (const nlohmann::json& record : m_result.trace) {
+        const std::string function = record.value("function", "");
+        if (record.value("kind", "") == "log" &&
+            std::find(functions.begin(), functions.end(), function) != functions.end()) {
+            ++records;
+            EXPECT_EQ(record.value("file", ""), "features/component/ModemLoader/src/ImageLoader")
+                << record.dump();
+        }
+    }
+    EXPECT_EQ(records, 3u) << Describe();
+}
+
+void EndToEndTest::ExpectCompleteUpdate(std::size_t firmwareBytes) const {
+    EXPECT_EQ(m_result.exitCode, 0) << Describe();
+    EXPECT_EQ(Lines(), expected::CompleteFlash(firmwareBytes)) << Describe();
+    EXPECT_EQ(Power(), (std::vector<std::string>{"cmd echo 0 > control = 0",
+                                                 "Always Work: Finished ACK thread"}))
+        << Describe();
+
+    ExpectFlashedAndRecorded(firmwareBytes);
+    ExpectSummary(
+        {{"power_ups", 1}, {"power_offs", 0}, {"sync_attempts", 1}, {"loader_bytes", 1024}});
+    EXPECT_GE(m_result.modemSummary.value("sync_echoes", 0), 1);
+
+    // "removable" is 1: the four sources and the flag file are gone.
+    EXPECT_TRUE(SourcesGone());
+    EXPECT_EQ(m_device->ListStorageFolder(""), (std::vector<std::string>{"revision"}));
 }
 
 void EndToEndTest::ExpectStorageReleased() const {

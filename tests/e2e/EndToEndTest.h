@@ -14,6 +14,9 @@
 #include "SimulatedDevice.h"
 #include "UpdateRecords.h"
 
+// The revision file the module writes for the update on offer ("124"): its terminator included.
+extern const std::string kWrittenRevision;
+
 class EndToEndTest : public ::testing::Test {
 protected:
     void SetUp() override;
@@ -31,8 +34,20 @@ protected:
 
     // Each key of `expected` has that value in the emulator's summary.
     void ExpectSummary(const nlohmann::json& expected) const;
+    // What every complete flash leaves behind: the modem's flash equals the firmware, the
+    // emulator saw the whole command sequence and the end of the write, and the storage holds
+    // the new revision "124" (exactly four bytes, with its terminator) and is released again.
+    void ExpectFlashedAndRecorded(std::size_t firmwareBytes) const;
+    // A whole update of `firmwareBytes` from the stored revision "100" with removable sources:
+    // exit 0, every trace line, one power-up with its one sync, the flash and the revision as
+    // ExpectFlashedAndRecorded, and nothing left but "revision" on the storage.
+    void ExpectCompleteUpdate(std::size_t firmwareBytes) const;
     // Nothing of the storage is mounted or attached to a loop device after the run.
     void ExpectStorageReleased() const;
+    // The image loader's records ("noticed a reply from modem", "loader source download
+    // completed", "firmware download completed") name the class's one source file, whichever of
+    // its .cpp files logs them.
+    void ExpectImageLoaderSourceFile() const;
     std::string StorageFile(const std::string& relativePath) const;  // "" with a failure
     bool SourcesPresent() const;  // all four update files still at their paths
     bool SourcesGone() const;     // none of them

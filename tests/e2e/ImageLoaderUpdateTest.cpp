@@ -16,32 +16,6 @@ using nlohmann::json;
 
 // A firmware of three chunks: two full 25600-byte ones and a short last one.
 constexpr std::size_t kFirmwareBytes = 60000;
-const std::string kWrittenRevision("124\0", 4);
-
-// The emulator's commands of a complete download of `firmwareBytes`.
-json CompleteCommands(std::size_t firmwareBytes) {
-    char size[16];
-    std::snprintf(size, sizeof size, "%02x %02x %02x %02x",
-                  static_cast<unsigned>(firmwareBytes & 0xFF),
-                  static_cast<unsigned>((firmwareBytes >> 8) & 0xFF),
-                  static_cast<unsigned>((firmwareBytes >> 16) & 0xFF),
-                  static_cast<unsigned>((firmwareBytes >> 24) & 0xFF));
-    return json::array({"07 00 c2 01 00", "05 00", "04 00 00 00 90 00 00 00 00", "02",
-                        std::string("09 00 00 00 90 ") + size, "03",
-                        std::string("04 00 00 00 90 ") + size, "01"});
-}
-
-// The event thread's lines of a complete image-loader update from the stored revision "100".
-std::vector<std::string> CompleteFlash(std::size_t firmwareBytes) {
-    return expected::Join(
-        {expected::PrepareAndInstall("100"),
-         expected::ModemInDeviceTree(),
-         expected::SyncAndLoader(),
-         {"out 206 15%", "out 206 20%", "out 206 25%", "out 206 25%", "out 206 45%"},
-         expected::ChunkProgress(firmwareBytes),
-         {"Always Write: firmware download completed"},
-         expected::CompletionWithRevision()});
-}
 
 double TimeOf(const std::vector<json>& trace, const std::string& line,
               const std::string& deviceDirectory, int occurrence = 1) {
@@ -53,44 +27,7 @@ double TimeOf(const std::vector<json>& trace, const std::string& line,
     return -1.0;
 }
 
-class ImageLoaderUpdateTest : public EndToEndTest {
-protected:
-    // What every complete flash leaves behind: the modem's flash equals the firmware, the emulator
-    // saw the whole command sequence and the end of the write, and the storage holds the new
-    // revision (exactly four bytes) and is released again.
-    void ExpectFlashedAndRecorded(std::size_t firmwareBytes) const {
-        std::string flash;
-        ASSERT_TRUE(m_device->ReadFlash(flash).IsOk());
-        EXPECT_EQ(flash.size(), firmwareBytes);
-        EXPECT_TRUE(flash == m_device->Firmware()) << "the flash differs from the firmware";
-        ExpectSummary({{"loader_ok", true},
-                       {"commands", CompleteCommands(firmwareBytes)},
-                       {"bytes_flashed", firmwareBytes},
-                       {"write_complete", true}});
-        EXPECT_EQ(StorageFile("revision"), kWrittenRevision);
-        ExpectStorageReleased();
-        ExpectImageLoaderSourceFile();
-    }
-
-    // The image loader's records ("noticed a reply from modem", "loader source download
-    // completed", "firmware download completed") name the class's one source file, whichever
-    // of its .cpp files logs them.
-    void ExpectImageLoaderSourceFile() const {
-        const std::vector<std::string> functions = {"Sync", "PrepareFlash", "Write"};
-        std::size_t records = 0;
-        for (const json& record : m_result.trace) {
-            const std::string function = record.value("function", "");
-            if (record.value("kind", "") == "log" &&
-                std::find(functions.begin(), functions.end(), function) != functions.end()) {
-                ++records;
-                EXPECT_EQ(record.value("file", ""),
-                          "features/component/ModemLoader/src/ImageLoader")
-                    << record.dump();
-            }
-        }
-        EXPECT_EQ(records, 3u) << Describe();
-    }
-};
+using ImageLoaderUpdateTest = EndToEndTest;
 
 TEST_F(ImageLoaderUpdateTest, FlashesTheFirmwareRecordsTheRevisionAndRemovesTheSources) {
     TDeviceSettings settings;
@@ -98,20 +35,7 @@ TEST_F(ImageLoaderUpdateTest, FlashesTheFirmwareRecordsTheRevisionAndRemovesTheS
     MakeDevice(settings);
     ASSERT_NO_FATAL_FAILURE(RunUpdate());
 
-    EXPECT_EQ(m_result.exitCode, 0) << Describe();
-    EXPECT_EQ(Lines(), CompleteFlash(kFirmwareBytes)) << Describe();
-    EXPECT_EQ(Power(), (std::vector<std::string>{"cmd echo 0 > control = 0",
-                                                 "Always Work: Finished ACK thread"}))
-        << Describe();
-
-    ExpectFlashedAndRecorded(kFirmwareBytes);
-    ExpectSummary(
-        {{"power_ups", 1}, {"power_offs", 0}, {"sync_attempts", 1}, {"loader_bytes", 1024}});
-    EXPECT_GE(m_result.modemSummary.value("sync_echoes", 0), 1);
-
-    // "removable" is 1: the four sources and the flag file are gone.
-    EXPECT_TRUE(SourcesGone());
-    EXPECT_EQ(m_device->ListStorageFolder(""), (std::vector<std::string>{"revision"}));
+    ExpectCompleteUpdate(kFirmwareBytes);
 }
 
 TEST_F(ImageLoaderUpdateTest, KeepsTheSourcesWhenTheyAreNotRemovable) {
@@ -122,7 +46,7 @@ TEST_F(ImageLoaderUpdateTest, KeepsTheSourcesWhenTheyAreNotRemovable) {
     ASSERT_NO_FATAL_FAILURE(RunUpdate());
 
     EXPECT_EQ(m_result.exitCode, 0) << Describe();
-    EXPECT_EQ(Lines(), CompleteFlash(25600)) << Describe();
+    EXPECT_EQ(Lines(), expected::CompleteFlash(25600)) << Describe();
     ExpectFlashedAndRecorded(25600);
     EXPECT_TRUE(SourcesPresent());
 }
@@ -213,7 +137,7 @@ TEST_F(ImageLoaderUpdateTest, AModemFoundSwitchedOnIsSwitchedOffFirstThenFlashed
     ASSERT_NO_FATAL_FAILURE(RunUpdate());
 
     EXPECT_EQ(m_result.exitCode, 0) << Describe();
-    EXPECT_EQ(Lines(), CompleteFlash(kFirmwareBytes)) << Describe();
+    EXPECT_EQ(Lines(), expected::CompleteFlash(kFirmwareBytes)) << Describe();
     EXPECT_EQ(Power(), (std::vector<std::string>{
                            "Always Prepare: Modem was switched on", "cmd echo 0 > control = 0",
                            "cmd echo 1 > control = 0", "cmd echo 0 > control = 0",
@@ -242,7 +166,7 @@ TEST_F(ImageLoaderUpdateTest, ABootCodeThatAnswersOnTheThirdPowerUpIsCaughtThen)
     ASSERT_NO_FATAL_FAILURE(RunUpdate());
 
     EXPECT_EQ(m_result.exitCode, 0) << Describe();
-    EXPECT_EQ(Lines(), CompleteFlash(kFirmwareBytes)) << Describe();
+    EXPECT_EQ(Lines(), expected::CompleteFlash(kFirmwareBytes)) << Describe();
     const std::vector<std::string> failedAttempt{"cmd echo 0 > control = 0",
                                                  "cmd echo 1 > control = 0",
                                                  "Always Prepare: Modem was switched on",
@@ -286,7 +210,7 @@ TEST_F(ImageLoaderUpdateTest, AnAbortDuringTheFlashIsAcknowledgedAndTheFlashGoes
     // Without the two, the update is the complete one, ending in its own success.
     lines.erase(aborted);
     lines.erase(std::find(lines.begin(), lines.end(), "in 207"));
-    EXPECT_EQ(lines, CompleteFlash(kLargeFirmware)) << Describe();
+    EXPECT_EQ(lines, expected::CompleteFlash(kLargeFirmware)) << Describe();
 
     ExpectFlashedAndRecorded(kLargeFirmware);
 }

@@ -19,8 +19,6 @@ using nlohmann::json;
 
 constexpr char kOldArtifact[] = "modem-firmware-100";
 constexpr char kNewArtifact[] = "modem-firmware-124";
-// The plug-in writes the revision with its terminating NUL.
-const std::string kWrittenRevision("124\0", 4);
 
 // A line of the client's log that passes on a line of the host's output containing `text`.
 bool HasHostLine(const std::string& clientLog, const std::string& text) {

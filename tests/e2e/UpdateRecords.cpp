@@ -1,6 +1,7 @@
 #include "UpdateRecords.h"
 
 #include <algorithm>
+#include <cstdio>
 
 namespace {
 constexpr char kPowerSourceFile[] = "features/component/ModemLoader/src/ModemPower";
@@ -142,6 +143,28 @@ std::vector<std::string> FakeLoaderProgress() {
 std::vector<std::string> CompletionWithRevision() {
     return {"umount mnt failed", "Error HandleLoaderCompleted: Couldn't umount mnt",
             "mount movinand.img on mnt format 2 ok", "umount mnt ok", "out 205 outcome 1"};
+}
+
+std::vector<std::string> CompleteFlash(std::size_t firmwareBytes) {
+    return Join({PrepareAndInstall("100"),
+                 ModemInDeviceTree(),
+                 SyncAndLoader(),
+                 {"out 206 15%", "out 206 20%", "out 206 25%", "out 206 25%", "out 206 45%"},
+                 ChunkProgress(firmwareBytes),
+                 {"Always Write: firmware download completed"},
+                 CompletionWithRevision()});
+}
+
+nlohmann::json CompleteCommands(std::size_t firmwareBytes) {
+    char size[16];
+    std::snprintf(size, sizeof size, "%02x %02x %02x %02x",
+                  static_cast<unsigned>(firmwareBytes & 0xFF),
+                  static_cast<unsigned>((firmwareBytes >> 8) & 0xFF),
+                  static_cast<unsigned>((firmwareBytes >> 16) & 0xFF),
+                  static_cast<unsigned>((firmwareBytes >> 24) & 0xFF));
+    return nlohmann::json::array({"07 00 c2 01 00", "05 00", "04 00 00 00 90 00 00 00 00", "02",
+                                  std::string("09 00 00 00 90 ") + size, "03",
+                                  std::string("04 00 00 00 90 ") + size, "01"});
 }
 
 std::vector<std::string> Join(std::initializer_list<std::vector<std::string>> parts) {

@@ -42,6 +42,10 @@ std::vector<std::string> ChunkProgress(std::size_t firmwareBytes);
 std::vector<std::string> FakeLoaderProgress();
 // Completion through the module with a control pin: the revision written (and sources removed).
 std::vector<std::string> CompletionWithRevision();
+// The event thread's lines of a complete image-loader update from the stored revision "100".
+std::vector<std::string> CompleteFlash(std::size_t firmwareBytes);
+// The emulator's commands of a complete download of `firmwareBytes`.
+nlohmann::json CompleteCommands(std::size_t firmwareBytes);
 // Concatenation.
 std::vector<std::string> Join(std::initializer_list<std::vector<std::string>> parts);
 }  // namespace expected

@@ -30,39 +30,71 @@ bool ReadAt(const std::string& image, uint64_t offset, T& value) {
     return true;
 }
 
-// The symbols of the .dynsym section of a 64-bit ELF file.
+// The ELF records of this build's word size: the plug-in is a 64-bit file on x86-64 and a 32-bit
+// one on the armhf target, and the test runs on the machine the plug-in was built for.
+template <int Class>
+struct TElfClass;
+template <>
+struct TElfClass<ELFCLASS64> {
+    using THeader = Elf64_Ehdr;
+    using TSection = Elf64_Shdr;
+    using TSymbol = Elf64_Sym;
+};
+template <>
+struct TElfClass<ELFCLASS32> {
+    using THeader = Elf32_Ehdr;
+    using TSection = Elf32_Shdr;
+    using TSymbol = Elf32_Sym;
+};
+constexpr int kOwnClass = sizeof(void*) == 8 ? ELFCLASS64 : ELFCLASS32;
+using TOwnElf = TElfClass<kOwnClass>;
+
+#if defined(__x86_64__)
+constexpr unsigned kOwnMachine = EM_X86_64;
+#elif defined(__arm__)
+constexpr unsigned kOwnMachine = EM_ARM;
+#elif defined(__aarch64__)
+constexpr unsigned kOwnMachine = EM_AARCH64;
+#else
+#error "PluginExportsTest: name this machine's ELF e_machine"
+#endif
+
+// The symbols of the .dynsym section of an ELF file for this build's machine.
 std::vector<TDynamicSymbol> DynamicSymbols(const std::string& path) {
     std::ifstream stream(path, std::ios::binary);
     const std::string image((std::istreambuf_iterator<char>(stream)),
                             std::istreambuf_iterator<char>());
-    Elf64_Ehdr header;
+    TOwnElf::THeader header;
     if (!ReadAt(image, 0, header) || std::memcmp(header.e_ident, ELFMAG, SELFMAG) != 0 ||
-        header.e_ident[EI_CLASS] != ELFCLASS64) {
-        ADD_FAILURE() << path << " is no 64-bit ELF file";
+        header.e_ident[EI_CLASS] != kOwnClass) {
+        ADD_FAILURE() << path << " is no " << (kOwnClass == ELFCLASS64 ? 64 : 32)
+                      << "-bit ELF file";
         return {};
     }
+    EXPECT_EQ(header.e_machine, kOwnMachine) << path << " is built for another machine";
     std::vector<TDynamicSymbol> symbols;
     for (unsigned index = 0; index < header.e_shnum; ++index) {
-        Elf64_Shdr section;
+        TOwnElf::TSection section;
         if (!ReadAt(image, header.e_shoff + uint64_t{index} * header.e_shentsize, section) ||
             section.sh_type != SHT_DYNSYM) {
             continue;
         }
-        Elf64_Shdr strings;
+        TOwnElf::TSection strings;
         if (!ReadAt(image, header.e_shoff + uint64_t{section.sh_link} * header.e_shentsize,
                     strings)) {
             ADD_FAILURE() << "no string table for .dynsym";
             return {};
         }
-        for (uint64_t offset = 0; offset + sizeof(Elf64_Sym) <= section.sh_size;
-             offset += sizeof(Elf64_Sym)) {
-            Elf64_Sym symbol;
+        for (uint64_t offset = 0; offset + sizeof(TOwnElf::TSymbol) <= section.sh_size;
+             offset += sizeof(TOwnElf::TSymbol)) {
+            TOwnElf::TSymbol symbol;
             if (!ReadAt(image, section.sh_offset + offset, symbol)) {
                 break;
             }
             const uint64_t nameOffset = strings.sh_offset + symbol.st_name;
             const std::string name =
                 nameOffset < image.size() ? std::string(image.c_str() + nameOffset) : "";
+            // ELF32_ST_TYPE and ELF64_ST_TYPE (and _BIND) are the same split of st_info.
             symbols.push_back({name, static_cast<unsigned char>(ELF64_ST_TYPE(symbol.st_info)),
                                static_cast<unsigned char>(ELF64_ST_BIND(symbol.st_info)),
                                symbol.st_shndx != SHN_UNDEF});
