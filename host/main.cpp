@@ -199,7 +199,7 @@ int main(int argc, char** argv) {
         }
         switch (options.command) {
             case THostOptions::TCommand::eHelp:
-                std::fputs(CCommandLine::Usage(), stdout);
+                std::fputs(CCommandLine::Usage().c_str(), stdout);
                 return 0;
             case THostOptions::TCommand::eInfo:
                 return Info(options);
