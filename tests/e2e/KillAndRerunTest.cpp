@@ -19,18 +19,16 @@
 // The mount that a killed host leaves behind stays for the rerun: the plug-in unmounts the
 // mount point before it mounts the storage on Prepare, and that is what is checked here.
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <fstream>
 #include <memory>
+#include <optional>
 #include <random>
 #include <sstream>
 #include <string>
@@ -95,15 +93,6 @@ struct TKilledRun {
     }
 };
 
-std::vector<char*> Pointers(std::vector<std::string>& strings) {
-    std::vector<char*> pointers;
-    for (std::string& text : strings) {
-        pointers.push_back(text.data());
-    }
-    pointers.push_back(nullptr);
-    return pointers;
-}
-
 std::string WholeFile(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
     return std::string((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
@@ -146,49 +135,28 @@ bool Reached(const CSimulatedDevice& device, const TKillPoint& point) {
 // the control pin after the kill: the state the test inspects is the state the kill left.
 testing::AssertionResult RunAndKill(CSimulatedDevice& device, const TKillPoint& point,
                                     TKilledRun& run) {
-    std::vector<std::string> arguments = device.HostArguments(TUpdateOptions());
-    std::vector<std::string> environment = MergedEnvironment(device.HostEnvironment());
-    std::vector<char*> argv = Pointers(arguments);
-    std::vector<char*> envp = Pointers(environment);
-    const std::string outputPath = device.PathOf("killed-host-output.txt");
-    const int output = ::open(outputPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (output < 0) {
-        return testing::AssertionFailure() << "cannot create " << outputPath;
+    TStartOptions options;
+    options.outputPath = device.PathOf("killed-host-output.txt");
+    options.ownProcessGroup = true;
+    options.extraEnvironment = device.HostEnvironment();
+    CChildProcess host;
+    if (CStatus started = host.Start(device.HostArguments(TUpdateOptions()), options); !started) {
+        return testing::AssertionFailure() << started.Message();
     }
-    const int input = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
-    const pid_t child = ::fork();
-    if (child == 0) {
-        ::setpgid(0, 0);
-        ::dup2(input, STDIN_FILENO);
-        ::dup2(output, STDOUT_FILENO);
-        ::dup2(output, STDERR_FILENO);
-        ::execve(argv[0], argv.data(), envp.data());
-        ::_exit(127);
-    }
-    ::close(output);
-    if (input >= 0) {
-        ::close(input);
-    }
-    if (child < 0) {
-        return testing::AssertionFailure() << "fork failed";
-    }
-    ::setpgid(child, child);  // also here, so that the group exists before we might kill it
 
     run = TKilledRun();
     const auto deadline = std::chrono::steady_clock::now() + kHostRunLimit;
-    int status = 0;
     for (;;) {
-        if (::waitpid(child, &status, WNOHANG) == child) {
-            run.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        if (const std::optional<TChildExit> exit = host.TryReap()) {
+            run.exitCode = exit->exitCode;
             break;
         }
         const bool reached = Reached(device, point);
         if (reached || std::chrono::steady_clock::now() >= deadline) {
-            ::kill(-child, SIGKILL);
-            while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
-            }
-            run.killed = WIFSIGNALED(status);
-            run.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+            host.Signal(SIGKILL);
+            const TChildExit exit = host.WaitToEnd();
+            run.killed = exit.signal != 0;
+            run.exitCode = exit.exitCode;
             if (!reached) {
                 return testing::AssertionFailure() << "the host did not reach " << point.Describe()
                                                    << " within " << kHostRunLimit.count() << " s";

@@ -13,6 +13,7 @@
 #include <random>
 #include <sstream>
 
+#include "ChildProcess.h"
 #include "LinuxFileHandler.h"
 #include "LoopDevice.h"
 #include "MountTable.h"
@@ -440,19 +441,18 @@ TEST_F(LinuxFileHandlerStorageTest, DestroyingTheHandlerUnmountsWhatItMounted) {
 TEST_F(LinuxFileHandlerStorageTest, LoopDeviceIsFreedWhenTheMountGoesEvenAfterTheProcessDied) {
     CStorageImage storage(4 * 1024 * 1024);
     ASSERT_EQ(storage.Error(), "");
-    const pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        // Mounts and dies without unmounting or running any destructor.
+    CChildProcess child;
+    // Mounts and dies without unmounting or running any destructor.
+    const CStatus started = child.StartCopy([&storage] {
         CLinuxFileHandler* handler = new CLinuxFileHandler({{2, "ext4"}});
-        _exit(handler->Mount(Bytes(storage.Image()), Bytes(storage.MountPoint()),
-                             IFileHandler::eFormatMovinand) == 0
-                  ? 0
-                  : 1);
-    }
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+        return handler->Mount(Bytes(storage.Image()), Bytes(storage.MountPoint()),
+                              IFileHandler::eFormatMovinand) == 0
+                   ? 0
+                   : 1;
+    });
+    ASSERT_TRUE(started) << started.Message();
+    const TChildExit exit = child.WaitToEnd();
+    ASSERT_EQ(exit.exitCode, 0);
     EXPECT_TRUE(storage.IsMounted());
     EXPECT_EQ(storage.AttachedLoopDevices().size(), 1u);
 

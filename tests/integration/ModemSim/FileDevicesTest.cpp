@@ -9,6 +9,7 @@
 #include <fstream>
 #include <iterator>
 
+#include "ChildProcess.h"
 #include "ControlPin.h"
 #include "FlashFile.h"
 #include "ReadyLine.h"
@@ -88,7 +89,8 @@ TEST_F(FileDevicesTest, ControlPinIsCreatedReleasedAndFollowsTheShell) {
     EXPECT_EQ(ReadText(Path("control")), "1\n");
     EXPECT_EQ(pin.Level(), '1');
 
-    ASSERT_EQ(std::system(("echo 0 > " + Path("control")).c_str()), 0);
+    const TChildResult shell = CChildProcess::Run({"/bin/sh", "-c", "echo 0 > " + Path("control")});
+    ASSERT_EQ(shell.exitCode, 0) << Describe(shell);
     ASSERT_TRUE(AwaitNotification(pin));
     EXPECT_EQ(pin.Changed(), std::optional<char>('0'));
     EXPECT_EQ(pin.Level(), '0');
