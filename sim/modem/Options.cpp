@@ -113,11 +113,11 @@ std::string UsageText() {
     return grammar.app.help();
 }
 
-TStatus ParseOptions(const std::vector<std::string>& arguments, TOptions& options) {
+CStatus ParseOptions(const std::vector<std::string>& arguments, TOptions& options) {
     for (const auto& argument : arguments) {
         if (argument == "--help" || argument == "-h") {
             options.help = true;
-            return TStatus::Success();
+            return CStatus::Ok();
         }
     }
     TRawOptions raw;
@@ -127,16 +127,16 @@ TStatus ParseOptions(const std::vector<std::string>& arguments, TOptions& option
     try {
         grammar.app.parse(reversed);
     } catch (const CLI::ArgumentMismatch& error) {
-        return TStatus::Failure(MismatchedOption(error) + " needs a value");
+        return CStatus::Failure(MismatchedOption(error) + " needs a value");
     } catch (const CLI::ParseError& error) {
-        return TStatus::Failure(error.what());
+        return CStatus::Failure(error.what());
     }
     if (!grammar.app.remaining().empty()) {
-        return TStatus::Failure("unknown argument \"" + grammar.app.remaining().front() + "\"");
+        return CStatus::Failure("unknown argument \"" + grammar.app.remaining().front() + "\"");
     }
     for (const auto& [name, option] : grammar.paths) {
         if (option->count() > 0 && option->as<std::string>().empty()) {
-            return TStatus::Failure(name + " needs a non-empty path");
+            return CStatus::Failure(name + " needs a non-empty path");
         }
     }
     for (const auto& [name, option, duration] : grammar.numbers) {
@@ -146,18 +146,18 @@ TStatus ParseOptions(const std::vector<std::string>& arguments, TOptions& option
         const std::string text = option->as<std::string>();
         unsigned long number = 0;
         if (!ParseNumber(text, 100000000, number)) {
-            return TStatus::Failure(name + " needs a whole number, not \"" + text + "\"");
+            return CStatus::Failure(name + " needs a whole number, not \"" + text + "\"");
         }
         if (duration != nullptr) {
             *duration = std::chrono::milliseconds(number);
         } else if (number == 0) {
-            return TStatus::Failure("--baud needs a rate of 1 or more");
+            return CStatus::Failure("--baud needs a rate of 1 or more");
         } else {
             options.baud = static_cast<unsigned>(number);
         }
     }
     for (const std::string& fault : raw.faults) {
-        if (TStatus status = AddFault(options.faults, fault); !status.Ok()) {
+        if (CStatus status = AddFault(options.faults, fault); !status.IsOk()) {
             return status;
         }
     }
@@ -169,8 +169,8 @@ TStatus ParseOptions(const std::vector<std::string>& arguments, TOptions& option
         {"--flash-out", &options.flashOut}};
     for (const auto& [name, field] : required) {
         if (field->empty()) {
-            return TStatus::Failure(std::string(name) + " is required");
+            return CStatus::Failure(std::string(name) + " is required");
         }
     }
-    return TStatus::Success();
+    return CStatus::Ok();
 }

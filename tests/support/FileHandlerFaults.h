@@ -1,7 +1,7 @@
 #pragma once
 // Wraps a file-handler backend (usually a CFakeFileHandler) and makes chosen operations fail,
 // installed in its place while the object lives. Operations not made to fail reach the inner
-// backend unchanged.
+// backend unchanged (CForwardingFileHandler); reads and closes are never made to fail.
 //
 //   CFakeFileHandler files;
 //   CFileHandlerFaults faults(files);
@@ -15,9 +15,10 @@
 #include <string>
 #include <vector>
 
-#include "FileHandler.h"
+#include "ForwardingFileHandler.h"
+#include "InstalledBackend.h"
 
-class CFileHandlerFaults : public IFileHandlerBackend {
+class CFileHandlerFaults : public CForwardingFileHandler {
 public:
     explicit CFileHandlerFaults(IFileHandlerBackend& inner);
     ~CFileHandlerFaults() override;
@@ -40,10 +41,7 @@ public:
     int RemoveFile(const unsigned char* path) override;
     int FileSize(const unsigned char* path) override;
     FILE* FOpen(const unsigned char* path, const char* mode) override;
-    std::size_t FRead(void* buffer, std::size_t size, std::size_t count, FILE* file) override;
     std::size_t FWrite(const void* data, std::size_t size, std::size_t count, FILE* file) override;
-    char* FGets(char* buffer, int size, FILE* file) override;
-    int FClose(FILE* file) override;
     int Mount(const unsigned char* device, const unsigned char* mountPoint,
               IFileHandler::TFileSystemFormat format) override;
     int Umount(const unsigned char* mountPoint) override;
@@ -53,11 +51,10 @@ private:
     // The forced result of `operation` on `path`, if one applies.
     bool Forced(const std::string& operation, const unsigned char* path, int& result) const;
 
-    IFileHandlerBackend& m_inner;
-    IFileHandlerBackend* m_previous;
     mutable std::mutex m_mutex;
     std::multimap<std::string, std::pair<std::string, int>> m_failures;  // op -> {part, result}
     std::vector<std::string> m_failedOpens;
     std::size_t m_writeLimit = static_cast<std::size_t>(-1);
     mutable std::vector<std::string> m_forcedCalls;
+    CInstalledFileHandler m_installation{this};  // last: installed once built, removed first
 };

@@ -14,6 +14,7 @@
 #include <sstream>
 
 #include "ChildProcess.h"
+#include "InstalledBackend.h"
 #include "LinuxFileHandler.h"
 #include "LoopDevice.h"
 #include "MountTable.h"
@@ -51,14 +52,11 @@ bool Exists(const std::string& path) {
 // The handler installed as the file service for the test's lifetime, as the host installs it.
 class LinuxFileHandlerTest : public ::testing::Test {
 protected:
-    LinuxFileHandlerTest() : m_previous(IFileHandler::SetBackend(&m_handler)) {}
-    ~LinuxFileHandlerTest() override { IFileHandler::SetBackend(m_previous); }
-
     std::string Path(const std::string& name) const { return m_directory.Path() + "/" + name; }
 
     CTemporaryDirectory m_directory;
     CLinuxFileHandler m_handler{{{2, "ext4"}}};
-    IFileHandlerBackend* m_previous;
+    CInstalledFileHandler m_installation{&m_handler};
 };
 
 TEST_F(LinuxFileHandlerTest, FileExistsIsZeroForAFileOrFolderAndNonZeroForAMissingPath) {

@@ -15,11 +15,11 @@
 #include <thread>
 
 #include "ChildProcess.h"
-#include "FileDescriptor.h"
 #include "HostLine.h"
 #include "Prerequisite.h"
 #include "Sha256.h"
 #include "TemporaryDirectory.h"
+#include "UniqueFd.h"
 
 namespace {
 
@@ -76,8 +76,8 @@ TBytes Range(uint8_t command, uint32_t length) {
 class ModemSimProcessTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        CFileDescriptor terminal(::posix_openpt(O_RDWR | O_NOCTTY));
-        if (!terminal.Valid()) {
+        CUniqueFd terminal(::posix_openpt(O_RDWR | O_NOCTTY));
+        if (!terminal.IsValid()) {
             MODEMLOADER_MISSING_PREREQUISITE(
                 "no pseudo-terminal available: /dev/ptmx cannot be opened");
         }
