@@ -13,6 +13,7 @@
 #include <string>
 
 #include "BenchFigures.h"
+#include "ParseArguments.h"
 #include "SimulatedDevice.h"
 
 namespace {
@@ -21,23 +22,6 @@ constexpr int kExitFailed = 1;
 constexpr int kExitUsage = 2;
 
 constexpr char kResultsFile[] = "results.md";
-
-const char kUsage[] =
-    "usage: modemloader-bench [--output DIR] [--runs N] [--only LIST] [--target-plugin SO]\n"
-    "\n"
-    "Measures the modem loader on this machine and prints one table: each figure's median, min\n"
-    "and max over N runs, the limit it is compared with and the ratio. Writes the table to\n"
-    "DIR/results.md and a plot of the line-rate update to DIR/line-rate-progress.png. Makes\n"
-    "simulated devices (ext4 images on loop devices, modem-sim on a pseudo-terminal): needs root.\n"
-    "\n"
-    "  --output DIR  where results.md and the plot go (default: the current folder)\n"
-    "  --runs N      runs per figure (default 3; the table is meant to be read with 3 or more)\n"
-    "  --only LIST   only these figures, comma-separated: 1 line rate, 2 tick-limited rate,\n"
-    "                3 CPU (measured during 1), 4 memory, 5 archive copy, 6 footprint\n"
-    "  --target-plugin SO  with figure 6, also the armhf build's plug-in stripped (row 6b)\n"
-    "\n"
-    "Figures are explained in docs/performance.md. Exit status: 0 measured, 1 a measurement\n"
-    "could not be made (the reason on stderr), 2 usage.\n";
 
 bool ParseFigures(const std::string& text, std::set<int>& figures) {
     figures.clear();
@@ -51,38 +35,65 @@ bool ParseFigures(const std::string& text, std::set<int>& figures) {
     return !figures.empty();
 }
 
-bool ParseOptions(int argc, char** argv, TBenchOptions& options, std::string& error) {
-    for (int index = 1; index < argc; ++index) {
-        const std::string option = argv[index];
-        if (option == "--help" || option == "-h") {
-            options.help = true;
-            return true;
-        }
-        if (index + 1 >= argc) {
-            error = "unknown option or missing value: " + option;
+// The grammar; the values are checked in ParseOptions so that a wrong one is reported in the
+// bench's own words.
+struct TGrammar {
+    CLI::App app{
+        "Measures the modem loader on this machine and prints one table: each figure's median, "
+        "min and max over N runs, the limit it is compared with and the ratio. Writes the table "
+        "to DIR/results.md and a plot of the line-rate update to DIR/line-rate-progress.png. "
+        "Makes simulated devices (ext4 images on loop devices, modem-sim on a pseudo-terminal): "
+        "needs root.",
+        kProgram};
+    std::string runs;
+    std::string only;
+    CLI::Option* runsOption = nullptr;
+    CLI::Option* onlyOption = nullptr;
+
+    explicit TGrammar(TBenchOptions& options) {
+        app.option_defaults()->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
+        app.add_option("--output", options.output,
+                       "where results.md and the plot go (default: the current folder)")
+            ->type_name("DIR");
+        runsOption =
+            app.add_option("--runs", runs,
+                           "runs per figure (default 3; the table is meant to be read with 3 or "
+                           "more)");
+        runsOption->type_name("N");
+        onlyOption = app.add_option("--only", only,
+                                    "only these figures, comma-separated: 1 line rate, 2 "
+                                    "tick-limited rate, 3 CPU (measured during 1), 4 memory, 5 "
+                                    "archive copy, 6 footprint");
+        onlyOption->type_name("LIST");
+        app.add_option("--target-plugin", options.targetPlugin,
+                       "with figure 6, also the armhf build's plug-in stripped (row 6b)")
+            ->type_name("SO");
+        app.footer(
+            "Figures are explained in docs/performance.md. Exit status: 0 measured, 1 a "
+            "measurement could not be made (the reason on stderr), 2 usage.");
+    }
+};
+
+bool ParseOptions(int argc, char** argv, TBenchOptions& options, std::string& error,
+                  std::string& help) {
+    TGrammar grammar(options);
+    const TParsedArguments parsed = ParseArguments(grammar.app, argc, argv, help, error);
+    if (parsed != TParsedArguments::eOptions) {
+        options.help = parsed == TParsedArguments::eHelp;
+        return options.help;
+    }
+    if (grammar.runsOption->count() > 0) {
+        const std::string& value = grammar.runs;
+        if (value.empty() || value.find_first_not_of("0123456789") != std::string::npos ||
+            value.size() > 9 || std::stoul(value) == 0) {
+            error = "--runs: '" + value + "' is not a count of runs";
             return false;
         }
-        const std::string value = argv[++index];
-        if (option == "--output") {
-            options.output = value;
-        } else if (option == "--runs") {
-            if (value.empty() || value.find_first_not_of("0123456789") != std::string::npos ||
-                std::stoul(value) == 0) {
-                error = "--runs: '" + value + "' is not a count of runs";
-                return false;
-            }
-            options.runs = static_cast<unsigned>(std::stoul(value));
-        } else if (option == "--target-plugin") {
-            options.targetPlugin = value;
-        } else if (option == "--only") {
-            if (!ParseFigures(value, options.figures)) {
-                error = "--only: '" + value + "' is not a list of figures 1 to 6";
-                return false;
-            }
-        } else {
-            error = "unknown option: " + option;
-            return false;
-        }
+        options.runs = static_cast<unsigned>(std::stoul(value));
+    }
+    if (grammar.onlyOption->count() > 0 && !ParseFigures(grammar.only, options.figures)) {
+        error = "--only: '" + grammar.only + "' is not a list of figures 1 to 6";
+        return false;
     }
     return true;
 }
@@ -113,12 +124,13 @@ std::string Now() {
 int main(int argc, char** argv) {
     TBenchOptions options;
     std::string error;
-    if (!ParseOptions(argc, argv, options, error)) {
+    std::string help;
+    if (!ParseOptions(argc, argv, options, error, help)) {
         std::fprintf(stderr, "%s: %s (see %s --help)\n", kProgram, error.c_str(), kProgram);
         return kExitUsage;
     }
     if (options.help) {
-        std::fputs(kUsage, stdout);
+        std::fputs(help.c_str(), stdout);
         return 0;
     }
     const std::string missing = CSimulatedDevice::MissingPrerequisite();

@@ -1,16 +1,12 @@
 #include "HostRun.h"
 
-#include <fcntl.h>
 #include <signal.h>
 #include <sys/resource.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <chrono>
-#include <cstring>
 #include <fstream>
+#include <optional>
 #include <thread>
 
 #include "ChildProcess.h"
@@ -20,15 +16,6 @@ constexpr auto kSampleInterval = std::chrono::milliseconds(1);
 // Beyond the host's own --timeout, for a host that hangs on its way out.
 constexpr double kGraceSeconds = 30;
 constexpr char kInstallRequest[] = "\"id\":204";
-
-std::vector<char*> Pointers(std::vector<std::string>& strings) {
-    std::vector<char*> pointers;
-    for (std::string& text : strings) {
-        pointers.push_back(text.data());
-    }
-    pointers.push_back(nullptr);
-    return pointers;
-}
 
 struct TResidentSample {
     long residentKiB = -1;   // VmRSS: resident now
@@ -72,54 +59,17 @@ double Seconds(const timeval& time) {
 
 CStatus CHostRun::Run(CSimulatedDevice& device, const TUpdateOptions& options, THostRun& run) {
     run = THostRun();
-    const std::string outputPath = device.PathOf("host-output.txt");
-    const int output = ::open(outputPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (output < 0) {
-        return CStatus::Failure("running the host: " + outputPath + ": " + std::strerror(errno));
-    }
-    const int input = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
-    std::vector<std::string> argumentStrings = device.HostArguments(options);
-    std::vector<std::string> environmentStrings = MergedEnvironment(device.HostEnvironment());
-    std::vector<char*> argv = Pointers(argumentStrings);
-    std::vector<char*> envp = Pointers(environmentStrings);
-
-    // Closed on exec: its end of file tells that the host's program has replaced the copy of
-    // this process, whose memory no sample may count.
-    int execPipe[2];
-    if (::pipe2(execPipe, O_CLOEXEC) != 0) {
-        ::close(output);
-        return CStatus::Failure(std::string("running the host: pipe: ") + std::strerror(errno));
-    }
+    TStartOptions startOptions;
+    startOptions.outputPath = device.PathOf("host-output.txt");
+    startOptions.extraEnvironment = device.HostEnvironment();
     const auto started = std::chrono::steady_clock::now();
-    const pid_t child = ::fork();
-    if (child == 0) {
-        ::dup2(input, STDIN_FILENO);
-        ::dup2(output, STDOUT_FILENO);
-        ::dup2(output, STDERR_FILENO);
-        ::execve(argv[0], argv.data(), envp.data());
-        const int error = errno;
-        [[maybe_unused]] const ssize_t written = ::write(execPipe[1], &error, sizeof error);
-        ::_exit(127);
+    // Start returns once the host's program has replaced the copy of this process, whose memory
+    // no sample may count.
+    CChildProcess host;
+    if (CStatus status = host.Start(device.HostArguments(options), startOptions); !status) {
+        return status.WithContext("running the host");
     }
-    ::close(execPipe[1]);
-    ::close(output);
-    if (input >= 0) {
-        ::close(input);
-    }
-    if (child < 0) {
-        ::close(execPipe[0]);
-        return CStatus::Failure(std::string("running the host: fork: ") + std::strerror(errno));
-    }
-    int execError = 0;
-    ssize_t got = 0;
-    while ((got = ::read(execPipe[0], &execError, sizeof execError)) < 0 && errno == EINTR) {
-    }
-    ::close(execPipe[0]);
-    if (got > 0) {
-        int ignored = 0;
-        ::waitpid(child, &ignored, 0);
-        return CStatus::Failure("running " + argumentStrings[0] + ": " + std::strerror(execError));
-    }
+    const pid_t child = host.Pid();
 
     const auto deadline =
         started + std::chrono::duration_cast<std::chrono::steady_clock::duration>(
@@ -127,8 +77,7 @@ CStatus CHostRun::Run(CSimulatedDevice& device, const TUpdateOptions& options, T
     std::streamoff traceOffset = 0;
     std::string traceBeforeInstall;
     bool installSeen = false;
-    int status = 0;
-    rusage usage{};
+    TChildExit exit;
     for (;;) {
         const TResidentSample sample = SampleResident(child);
         if (sample.peakKiB > 0) {
@@ -143,28 +92,23 @@ CStatus CHostRun::Run(CSimulatedDevice& device, const TUpdateOptions& options, T
                 run.anonymousBeforeInstallKiB = sample.anonymousKiB;
             }
         }
-        const pid_t reaped = ::wait4(child, &status, WNOHANG, &usage);
-        if (reaped == child) {
+        if (std::optional<TChildExit> ended = host.TryReap()) {
+            exit = *ended;
             break;
         }
-        if (reaped < 0 && errno != EINTR) {
-            return CStatus::Failure(std::string("running the host: wait4: ") +
-                                    std::strerror(errno));
-        }
         if (std::chrono::steady_clock::now() >= deadline) {
-            ::kill(child, SIGKILL);
-            while (::wait4(child, &status, 0, &usage) < 0 && errno == EINTR) {
-            }
+            host.Signal(SIGKILL);
+            exit = host.WaitToEnd();
             break;
         }
         std::this_thread::sleep_for(kSampleInterval);
     }
     run.wallSeconds =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
-    run.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    run.signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
-    run.userSeconds = Seconds(usage.ru_utime);
-    run.systemSeconds = Seconds(usage.ru_stime);
+    run.exitCode = exit.exitCode;
+    run.signal = exit.signal;
+    run.userSeconds = Seconds(exit.usage.ru_utime);
+    run.systemSeconds = Seconds(exit.usage.ru_stime);
 
     std::ifstream trace(device.TraceFile());
     std::string line;

@@ -1,6 +1,9 @@
-# Warnings that every target of ours compiles with. Each one has caught a real class of bug in
-# code like this: byte protocols, casts between record layouts, members hiding each other.
-add_compile_options(
+# Warnings that every target of ours compiles with, as the interface target modemloader::warnings
+# that the top-level CMakeLists.txt links into every target. Each one has caught a real class of
+# bug in code like this: byte protocols, casts between record layouts, members hiding each other.
+add_library(modemloader_warnings INTERFACE)
+add_library(modemloader::warnings ALIAS modemloader_warnings)
+target_compile_options(modemloader_warnings INTERFACE
     -Wall                # the common set
     -Wextra              # unused parameters, sign comparisons in byte counts
     -Werror              # a warning left in is a bug left in

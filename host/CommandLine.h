@@ -1,10 +1,11 @@
 #pragma once
-// The command line of modemloader-host:
+// The command line of modemloader-host, parsed with CLI11:
 //   modemloader-host update --config FILE [--plugin PATH] [--feature NAME] [--tick-ms N]
 //                           [--trace FILE] [--abort-after-ms N] [--timeout S] [--quiet]
 //                           [--insecure-permissions]
 //   modemloader-host info --plugin PATH [--insecure-permissions]
 //   modemloader-host --help
+// A wrong command line is a failure whose message names the problem; the caller exits 2.
 
 #include <cstdint>
 #include <optional>
@@ -31,5 +32,6 @@ class CCommandLine {
 public:
     // Fills `options` from argv; a failure says which argument is wrong.
     [[nodiscard]] static CStatus Parse(int argc, const char* const* argv, THostOptions& options);
-    static const char* Usage();
+    // The help text, generated from the same grammar that parses.
+    static std::string Usage();
 };

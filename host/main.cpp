@@ -14,6 +14,7 @@
 #include "FilePermissions.h"
 #include "HostConfig.h"
 #include "IniProperties.h"
+#include "InstalledBackend.h"
 #include "LinuxCmdHandler.h"
 #include "LinuxEventBroker.h"
 #include "LinuxFileHandler.h"
@@ -39,24 +40,6 @@ int HostError(const std::string& message) {
 void ReportError(const std::string& message) {
     std::fprintf(stderr, "%s: %s\n", kProgram, message.c_str());
 }
-
-// Installs a backend of a static host service for the life of this object, then puts back the
-// one that was there, so nothing is left pointing at a destroyed backend.
-template <typename TBackend, TBackend* (*Exchange)(TBackend*)>
-class CInstalled {
-public:
-    explicit CInstalled(TBackend* backend) : m_previous(Exchange(backend)) {}
-    ~CInstalled() { Exchange(m_previous); }
-    CInstalled(const CInstalled&) = delete;
-    CInstalled& operator=(const CInstalled&) = delete;
-
-private:
-    TBackend* m_previous;
-};
-using CInstalledFileHandler = CInstalled<IFileHandlerBackend, &IFileHandler::SetBackend>;
-using CInstalledCmdHandler = CInstalled<ICmdHandlerBackend, &ICmdHandler::SetBackend>;
-using CInstalledSerialPorts = CInstalled<ISerialPortFactory, &ISerialPortFactory::SetFactory>;
-using CInstalledLog = CInstalled<logging::internals::ILog, &logging::IControl::SetLog>;
 
 CStatus LoadFeaturePlugin(const std::string& path, std::unique_ptr<CPluginLibrary>& plugin) {
     if (CStatus status = CPluginLibrary::Open(path, plugin); !status) {
@@ -222,7 +205,7 @@ int main(int argc, char** argv) {
         }
         switch (options.command) {
             case THostOptions::TCommand::eHelp:
-                std::fputs(CCommandLine::Usage(), stdout);
+                std::fputs(CCommandLine::Usage().c_str(), stdout);
                 return 0;
             case THostOptions::TCommand::eInfo:
                 return Info(options);

@@ -55,6 +55,98 @@ int WaitForChild(pid_t child) {
     }
     return status;
 }
+
+// What the child's side of fork needs, all made before fork: after it only async-signal-safe
+// calls.
+struct TChildSetup {
+    const char* directory = nullptr;  // null: ours
+    int input = -1;                   // each -1: left as ours
+    int output = -1;
+    int errorOutput = -1;
+    bool ownProcessGroup = false;
+};
+
+// The one fork and exec of this tree. Returns the child's pid once the program has replaced
+// it, or -1 with `error` when it could not be started (exec's failure comes back through a
+// pipe that exec closes).
+pid_t ForkAndExec(const std::vector<std::string>& arguments,
+                  const std::vector<std::string>& extraEnvironment, const TChildSetup& setup,
+                  std::string& error) {
+    if (arguments.empty()) {
+        error = "no program given";
+        return -1;
+    }
+    std::vector<std::string> argumentStrings = arguments;
+    std::vector<char*> argv = Pointers(argumentStrings);
+    std::vector<std::string> environmentStrings = MergedEnvironment(extraEnvironment);
+    std::vector<char*> envp = Pointers(environmentStrings);
+    const bool searchPath = arguments[0].find('/') == std::string::npos;
+    int execPipe[2];
+    if (::pipe2(execPipe, O_CLOEXEC) != 0) {
+        error = SystemFailure("pipe");
+        return -1;
+    }
+    CUniqueFd execRead(execPipe[0]);
+    CUniqueFd execWrite(execPipe[1]);
+    const pid_t child = ::fork();
+    if (child < 0) {
+        error = SystemFailure("fork");
+        return -1;
+    }
+    if (child == 0) {
+        if (setup.ownProcessGroup) {
+            ::setpgid(0, 0);
+        }
+        if (setup.input >= 0) {
+            ::dup2(setup.input, STDIN_FILENO);
+        }
+        if (setup.output >= 0) {
+            ::dup2(setup.output, STDOUT_FILENO);
+        }
+        if (setup.errorOutput >= 0) {
+            ::dup2(setup.errorOutput, STDERR_FILENO);
+        }
+        if (setup.directory == nullptr || ::chdir(setup.directory) == 0) {
+            if (searchPath) {
+                ::execvpe(argv[0], argv.data(), envp.data());
+            } else {
+                ::execve(argv[0], argv.data(), envp.data());
+            }
+        }
+        const int failure = errno;
+        [[maybe_unused]] const ssize_t written = ::write(execWrite.Get(), &failure, sizeof failure);
+        ::_exit(127);
+    }
+    if (setup.ownProcessGroup) {
+        // Also here, so that the group exists before the caller may signal it.
+        ::setpgid(child, child);
+    }
+    execWrite.Reset();
+    int failure = 0;
+    ssize_t got = 0;
+    while ((got = ::read(execRead.Get(), &failure, sizeof failure)) < 0 && errno == EINTR) {
+    }
+    if (got > 0) {
+        WaitForChild(child);
+        error = (setup.directory != nullptr
+                     ? "running " + arguments[0] + " in " + setup.directory + ": "
+                     : "running " + arguments[0] + ": ") +
+                std::strerror(failure);
+        return -1;
+    }
+    return child;
+}
+
+TChildExit ExitOf(int status, const rusage& usage) {
+    TChildExit exit;
+    if (WIFEXITED(status)) {
+        exit.exitCode = WEXITSTATUS(status);
+    } else if (WIFSIGNALED(status)) {
+        exit.signal = WTERMSIG(status);
+    }
+    exit.usage = usage;
+    return exit;
+}
 }  // namespace
 
 std::vector<std::string> MergedEnvironment(const std::vector<std::string>& extra) {
@@ -83,10 +175,6 @@ std::vector<std::string> MergedEnvironment(const std::vector<std::string>& extra
 TChildResult CChildProcess::Run(const std::vector<std::string>& arguments,
                                 const TChildOptions& options) {
     TChildResult result;
-    if (arguments.empty()) {
-        result.error = "no program given";
-        return result;
-    }
     CUniqueFd outRead, outWrite, errRead, errWrite;
     if (options.captureOutput) {
         int errPipe[2];
@@ -111,37 +199,16 @@ TChildResult CChildProcess::Run(const std::vector<std::string>& arguments,
         }
     }
     CUniqueFd input(::open("/dev/null", O_RDONLY | O_CLOEXEC));
-
-    // Everything the child needs is made before fork: after it only async-signal-safe calls.
-    std::vector<std::string> argumentStrings = arguments;
-    std::vector<char*> argv = Pointers(argumentStrings);
-    std::vector<std::string> environmentStrings = MergedEnvironment(options.extraEnvironment);
-    std::vector<char*> envp = Pointers(environmentStrings);
-    const bool searchPath = arguments[0].find('/') == std::string::npos;
-    const char* directory =
-        options.workingDirectory.empty() ? nullptr : options.workingDirectory.c_str();
+    TChildSetup setup;
+    setup.directory = options.workingDirectory.empty() ? nullptr : options.workingDirectory.c_str();
+    setup.input = input.Get();
+    setup.output = outWrite.Get();
+    setup.errorOutput = errWrite.Get();
 
     const auto start = std::chrono::steady_clock::now();
-    const pid_t child = ::fork();
+    const pid_t child = ForkAndExec(arguments, options.extraEnvironment, setup, result.error);
     if (child < 0) {
-        result.error = SystemFailure("fork");
         return result;
-    }
-    if (child == 0) {
-        ::dup2(input.Get(), STDIN_FILENO);
-        if (outWrite.IsValid()) {
-            ::dup2(outWrite.Get(), STDOUT_FILENO);
-            ::dup2(errWrite.Get(), STDERR_FILENO);
-        }
-        if (directory != nullptr && ::chdir(directory) != 0) {
-            ::_exit(127);
-        }
-        if (searchPath) {
-            ::execvpe(argv[0], argv.data(), envp.data());
-        } else {
-            ::execve(argv[0], argv.data(), envp.data());
-        }
-        ::_exit(127);
     }
     result.started = true;
     outWrite.Reset();
@@ -220,6 +287,128 @@ std::string Describe(const TChildResult& result) {
         text += "\n--- stderr:\n" + result.err;
     }
     return text;
+}
+
+CChildProcess::~CChildProcess() {
+    if (IsRunning()) {
+        Signal(SIGKILL);
+        WaitToEnd();
+    }
+}
+
+CStatus CChildProcess::Start(const std::vector<std::string>& arguments,
+                             const TStartOptions& options) {
+    const std::string program = arguments.empty() ? std::string("a child") : arguments[0];
+    if (IsRunning()) {
+        return CStatus::Failure("starting " + program + ": a child is still running");
+    }
+    const auto openOutput = [](const std::string& path, CUniqueFd& file) {
+        file.Reset(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+        return file.IsValid() ? CStatus::Ok() : CStatus::Failure(SystemFailure(path));
+    };
+    CUniqueFd output, errorOutput;
+    if (!options.outputPath.empty()) {
+        if (CStatus status = openOutput(options.outputPath, output); !status) {
+            return status.WithContext("starting " + program);
+        }
+    }
+    if (!options.errorPath.empty()) {
+        if (CStatus status = openOutput(options.errorPath, errorOutput); !status) {
+            return status.WithContext("starting " + program);
+        }
+    }
+    CUniqueFd input;
+    if (options.inputFromNull) {
+        input.Reset(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+    }
+    TChildSetup setup;
+    setup.input = input.Get();
+    setup.output = output.Get();
+    setup.errorOutput = errorOutput.IsValid() ? errorOutput.Get() : output.Get();
+    setup.ownProcessGroup = options.ownProcessGroup;
+    std::string error;
+    const pid_t child = ForkAndExec(arguments, options.extraEnvironment, setup, error);
+    if (child < 0) {
+        return CStatus::Failure(error);
+    }
+    m_pid = child;
+    m_ownProcessGroup = options.ownProcessGroup;
+    m_processFd.Reset(static_cast<int>(::syscall(SYS_pidfd_open, child, 0)));
+    return CStatus::Ok();
+}
+
+CStatus CChildProcess::StartCopy(const std::function<int()>& body) {
+    if (IsRunning()) {
+        return CStatus::Failure("starting a copy of this process: a child is still running");
+    }
+    const pid_t child = ::fork();
+    if (child < 0) {
+        return CStatus::Failure(SystemFailure("starting a copy of this process: fork"));
+    }
+    if (child == 0) {
+        ::_exit(body());
+    }
+    m_pid = child;
+    m_ownProcessGroup = false;
+    m_processFd.Reset(static_cast<int>(::syscall(SYS_pidfd_open, child, 0)));
+    return CStatus::Ok();
+}
+
+bool CChildProcess::Signal(int signal) const {
+    if (!IsRunning()) {
+        return false;
+    }
+    return ::kill(m_ownProcessGroup ? -m_pid : m_pid, signal) == 0;
+}
+
+std::optional<TChildExit> CChildProcess::Reap(bool block) {
+    if (!IsRunning()) {
+        return std::nullopt;
+    }
+    int status = 0;
+    rusage usage{};
+    pid_t reaped = 0;
+    while ((reaped = ::wait4(m_pid, &status, block ? 0 : WNOHANG, &usage)) < 0 && errno == EINTR) {
+    }
+    if (reaped != m_pid) {
+        return std::nullopt;
+    }
+    m_pid = -1;
+    m_processFd.Reset();
+    return ExitOf(status, usage);
+}
+
+std::optional<TChildExit> CChildProcess::TryReap() { return Reap(false); }
+
+std::optional<TChildExit> CChildProcess::Wait(std::chrono::milliseconds timeout) {
+    if (!IsRunning()) {
+        return std::nullopt;
+    }
+    if (m_processFd.IsValid()) {
+        // The process descriptor becomes readable when the child ends: an exact wait.
+        pollfd descriptor{m_processFd.Get(), POLLIN, 0};
+        int ready = 0;
+        while ((ready = ::poll(&descriptor, 1, static_cast<int>(timeout.count()))) < 0 &&
+               errno == EINTR) {
+        }
+        return ready > 0 ? Reap(true) : std::nullopt;
+    }
+    // Without process descriptors: look again every millisecond until the time-out.
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    for (;;) {
+        if (std::optional<TChildExit> exit = Reap(false)) {
+            return exit;
+        }
+        if (std::chrono::steady_clock::now() >= deadline) {
+            return std::nullopt;
+        }
+        ::usleep(1000);
+    }
+}
+
+TChildExit CChildProcess::WaitToEnd() {
+    std::optional<TChildExit> exit = Reap(true);
+    return exit ? *exit : TChildExit();
 }
 
 bool IsInPath(const std::string& program) {

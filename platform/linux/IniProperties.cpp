@@ -76,10 +76,6 @@ bool CIniProperties::GetProperty(const std::string& feature, const std::string& 
     return true;
 }
 
-bool CIniProperties::HasSection(const std::string& name) const {
-    return m_sections.find(name) != m_sections.end();
-}
-
 CIniProperties::TSection CIniProperties::Section(const std::string& name) const {
     const auto section = m_sections.find(name);
     return section != m_sections.end() ? section->second : TSection();

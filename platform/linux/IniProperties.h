@@ -30,7 +30,6 @@ public:
     bool GetProperty(const std::string& feature, const std::string& key,
                      std::string& value) const override;
 
-    bool HasSection(const std::string& name) const;
     // The keys and values of section `name`, empty when there is none.
     TSection Section(const std::string& name) const;
     // Section names in the order they first appear.

@@ -105,15 +105,12 @@ CStatus CLinuxSerialPort::Open(const std::string& device, uint32_t speed,
     if (flags < 0 || ::fcntl(descriptor.Get(), F_SETFL, flags & ~O_NONBLOCK) != 0) {
         return CStatus::Failure(SystemError(context + ": fcntl"));
     }
-    port.reset(new CLinuxSerialPort(device, std::move(descriptor), readTimeout));
+    port.reset(new CLinuxSerialPort(std::move(descriptor), readTimeout));
     return CStatus::Ok();
 }
 
-CLinuxSerialPort::CLinuxSerialPort(std::string device, CUniqueFd descriptor,
-                                   std::chrono::milliseconds readTimeout)
-    : m_device(std::move(device)),
-      m_descriptor(std::move(descriptor)),
-      m_readTimeout(readTimeout) {}
+CLinuxSerialPort::CLinuxSerialPort(CUniqueFd descriptor, std::chrono::milliseconds readTimeout)
+    : m_descriptor(std::move(descriptor)), m_readTimeout(readTimeout) {}
 
 int CLinuxSerialPort::Write(const unsigned char* data, uint32_t length, uint32_t& written) {
     written = 0;

@@ -28,13 +28,9 @@ public:
     int Write(const unsigned char* data, uint32_t length, uint32_t& written) override;
     int Read(unsigned char* buffer, uint32_t length, uint32_t& got) override;
 
-    const std::string& Device() const { return m_device; }
-
 private:
-    CLinuxSerialPort(std::string device, CUniqueFd descriptor,
-                     std::chrono::milliseconds readTimeout);
+    CLinuxSerialPort(CUniqueFd descriptor, std::chrono::milliseconds readTimeout);
 
-    std::string m_device;
     CUniqueFd m_descriptor;
     std::chrono::milliseconds m_readTimeout;
 };

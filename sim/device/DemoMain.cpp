@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "MountTable.h"
+#include "ParseArguments.h"
 #include "SimulatedDevice.h"
 
 namespace {
@@ -27,24 +28,6 @@ struct TDemoOptions {
     bool help = false;
 };
 
-const char kUsage[] =
-    "usage: modemloader-demo [--firmware-bytes N] [--tick-ms N] [--baud N] [--seed N]\n"
-    "                        [--timeout S]\n"
-    "\n"
-    "Makes a temporary device (an ext4 movinand storage on a loop device, the update files, the\n"
-    "modem emulator on a pseudo-terminal, a device tree with an integrated GPRS modem), runs one\n"
-    "complete update through the serial image loader with modemloader-host, checks that the\n"
-    "modem's flash holds the firmware byte for byte and that the new revision is on the storage,\n"
-    "prints a report and removes the device again. Needs root (loop devices and mounts).\n"
-    "\n"
-    "  --firmware-bytes N  size of the firmware image (default 1048576)\n"
-    "  --tick-ms N         the host's tick period (default 10)\n"
-    "  --baud N            pace the modem's line at N baud (default: as fast as it goes)\n"
-    "  --seed N            seed of the update's pseudo-random bytes (default 1)\n"
-    "  --timeout S         give the update S seconds (default 300)\n"
-    "\n"
-    "exit status: 0 the update succeeded and every check passed, 1 something failed, 2 usage\n";
-
 bool ParseNumber(const std::string& text, unsigned long long& value) {
     if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos) {
         return false;
@@ -54,35 +37,70 @@ bool ParseNumber(const std::string& text, unsigned long long& value) {
     return errno == 0;
 }
 
-bool ParseOptions(int argc, char** argv, TDemoOptions& options, std::string& error) {
-    for (int index = 1; index < argc; ++index) {
-        const std::string option = argv[index];
-        if (option == "--help" || option == "-h") {
-            options.help = true;
-            return true;
+// The grammar: each option a whole number, taken as text and checked in ParseOptions so that a
+// wrong one is reported in the demo's own words.
+struct TGrammar {
+    CLI::App app{
+        "Makes a temporary device (an ext4 movinand storage on a loop device, the update files, "
+        "the modem emulator on a pseudo-terminal, a device tree with an integrated GPRS modem), "
+        "runs one complete update through the serial image loader with modemloader-host, checks "
+        "that the modem's flash holds the firmware byte for byte and that the new revision is "
+        "on the storage, prints a report and removes the device again. Needs root (loop devices "
+        "and mounts).",
+        kProgram};
+    // In the order of the command line's options, each with its text.
+    std::vector<std::pair<CLI::Option*, std::string>> numbers;
+
+    TGrammar() {
+        app.option_defaults()->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
+        numbers.reserve(5);
+        for (const auto& [name, description] :
+             {std::pair<const char*, const char*>{"--firmware-bytes",
+                                                  "size of the firmware image (default 1048576)"},
+              {"--tick-ms", "the host's tick period (default 10)"},
+              {"--baud", "pace the modem's line at N baud (default: as fast as it goes)"},
+              {"--seed", "seed of the update's pseudo-random bytes (default 1)"},
+              {"--timeout", "give the update S seconds (default 300)"}}) {
+            numbers.emplace_back(nullptr, std::string());
+            numbers.back().first = app.add_option(name, numbers.back().second, description);
+            numbers.back().first->type_name(std::string(name) == "--timeout" ? "S" : "N");
         }
-        if (index + 1 >= argc) {
-            error = "unknown option or missing value: " + option;
-            return false;
+        app.footer(
+            "exit status: 0 the update succeeded and every check passed, 1 something failed, 2 "
+            "usage");
+    }
+};
+
+bool ParseOptions(int argc, char** argv, TDemoOptions& options, std::string& error,
+                  std::string& help) {
+    TGrammar grammar;
+    const TParsedArguments parsed = ParseArguments(grammar.app, argc, argv, help, error);
+    if (parsed != TParsedArguments::eOptions) {
+        options.help = parsed == TParsedArguments::eHelp;
+        return options.help;
+    }
+    for (const auto& [option, text] : grammar.numbers) {
+        if (option->count() == 0) {
+            continue;
         }
-        const std::string text = argv[++index];
+        const std::string name = option->get_name();
         unsigned long long value = 0;
         if (!ParseNumber(text, value)) {
-            error = option + ": '" + text + "' is not a whole number";
+            error = name + ": '" + text + "' is not a whole number";
             return false;
         }
-        if (option == "--firmware-bytes") {
+        if (name == "--firmware-bytes") {
             options.firmwareBytes = static_cast<std::size_t>(value);
-        } else if (option == "--tick-ms" && value > 0) {
+        } else if (name == "--tick-ms" && value > 0) {
             options.tickMs = static_cast<uint32_t>(value);
-        } else if (option == "--baud") {
+        } else if (name == "--baud") {
             options.baud = static_cast<unsigned>(value);
-        } else if (option == "--seed") {
+        } else if (name == "--seed") {
             options.seed = value;
-        } else if (option == "--timeout" && value > 0) {
+        } else if (name == "--timeout" && value > 0) {
             options.timeoutSeconds = static_cast<double>(value);
         } else {
-            error = "unknown option or bad value: " + option + " " + text;
+            error = "unknown option or bad value: " + name + " " + text;
             return false;
         }
     }
@@ -123,12 +141,13 @@ private:
 int main(int argc, char** argv) {
     TDemoOptions options;
     std::string error;
-    if (!ParseOptions(argc, argv, options, error)) {
+    std::string help;
+    if (!ParseOptions(argc, argv, options, error, help)) {
         std::fprintf(stderr, "%s: %s (see %s --help)\n", kProgram, error.c_str(), kProgram);
         return kExitUsage;
     }
     if (options.help) {
-        std::fputs(kUsage, stdout);
+        std::fputs(help.c_str(), stdout);
         return 0;
     }
     const std::string missing = CSimulatedDevice::MissingPrerequisite();

@@ -3,13 +3,12 @@
 // the host, stopped (SIGTERM, then its summary is read) after it. The destructor stops a modem
 // that is still running, so no emulator outlives its device.
 
-#include <sys/types.h>
-
 #include <chrono>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
+#include "ChildProcess.h"
 #include "Status.h"
 
 class CModemProcess {
@@ -24,7 +23,7 @@ public:
     // listens once it is there.
     [[nodiscard]] CStatus Start(const std::vector<std::string>& arguments,
                                 const std::string& linkPath, const std::string& logPath);
-    bool IsRunning() const { return m_pid > 0; }
+    bool IsRunning() const { return m_process.IsRunning(); }
 
     // Ends the modem with SIGTERM (SIGKILL if it does not go within a few seconds) and reads
     // the summary it wrote at `summaryPath` on its way out.
@@ -34,6 +33,6 @@ private:
     // SIGTERM, then waits; true when it ended by itself.
     bool Terminate();
 
-    pid_t m_pid = -1;
+    CChildProcess m_process;
     std::string m_logPath;
 };

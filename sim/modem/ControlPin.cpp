@@ -7,7 +7,7 @@
 #include <cerrno>
 #include <cstring>
 
-TStatus CControlPin::Open(const std::string& path) {
+CStatus CControlPin::Open(const std::string& path) {
     m_path = path;
     const auto slash = path.rfind('/');
     const std::string directory =
@@ -15,31 +15,31 @@ TStatus CControlPin::Open(const std::string& path) {
     m_name = slash == std::string::npos ? path : path.substr(slash + 1);
 
     if (::access(path.c_str(), F_OK) != 0) {
-        CFileDescriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
-        if (!file.Valid() || ::write(file.Get(), "1\n", 2) != 2) {
-            return TStatus::Failure("creating the control file " + path + ": " +
+        CUniqueFd file(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
+        if (!file.IsValid() || ::write(file.Get(), "1\n", 2) != 2) {
+            return CStatus::Failure("creating the control file " + path + ": " +
                                     std::strerror(errno));
         }
     }
     m_watch.Reset(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
-    if (!m_watch.Valid()) {
-        return TStatus::Failure(std::string("starting inotify: ") + std::strerror(errno));
+    if (!m_watch.IsValid()) {
+        return CStatus::Failure(std::string("starting inotify: ") + std::strerror(errno));
     }
     if (::inotify_add_watch(m_watch.Get(), directory.c_str(),
                             IN_MODIFY | IN_CLOSE_WRITE | IN_CREATE | IN_MOVED_TO) < 0) {
-        return TStatus::Failure("watching " + directory +
+        return CStatus::Failure("watching " + directory +
                                 " for the control file: " + std::strerror(errno));
     }
     if (const auto level = ReadLevel()) {
         m_level = *level;
     }
-    return TStatus::Success();
+    return CStatus::Ok();
 }
 
 std::optional<char> CControlPin::ReadLevel() const {
-    CFileDescriptor file(::open(m_path.c_str(), O_RDONLY | O_CLOEXEC));
+    CUniqueFd file(::open(m_path.c_str(), O_RDONLY | O_CLOEXEC));
     char first = 0;
-    if (!file.Valid() || ::read(file.Get(), &first, 1) != 1 || (first != '0' && first != '1')) {
+    if (!file.IsValid() || ::read(file.Get(), &first, 1) != 1 || (first != '0' && first != '1')) {
         return std::nullopt;
     }
     return first;

@@ -8,14 +8,14 @@
 #include <optional>
 #include <string>
 
-#include "FileDescriptor.h"
 #include "Status.h"
+#include "UniqueFd.h"
 
 class CControlPin {
 public:
     // Starts watching `path`; a missing file is created released ("1"), so that the host finds
     // its control pin present.
-    [[nodiscard]] TStatus Open(const std::string& path);
+    [[nodiscard]] CStatus Open(const std::string& path);
 
     // Readable when the pin may have changed.
     int WatchDescriptor() const { return m_watch.Get(); }
@@ -30,6 +30,6 @@ private:
 
     std::string m_path;
     std::string m_name;
-    CFileDescriptor m_watch;
+    CUniqueFd m_watch;
     char m_level = '1';
 };

@@ -10,22 +10,22 @@ namespace {
 constexpr size_t kFlushThreshold = 64 * 1024;
 }
 
-TStatus CFlashFile::Open(const std::string& path) {
+CStatus CFlashFile::Open(const std::string& path) {
     m_path = path;
     m_file.Reset(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
-    if (!m_file.Valid()) {
-        return TStatus::Failure("opening the flash file " + path + ": " + std::strerror(errno));
+    if (!m_file.IsValid()) {
+        return CStatus::Failure("opening the flash file " + path + ": " + std::strerror(errno));
     }
-    return TStatus::Success();
+    return CStatus::Ok();
 }
 
 void CFlashFile::BeginProgramming(uint32_t, uint32_t) {
     m_pending.clear();
     m_digest = CSha256();
-    if (m_failure.Ok() &&
+    if (m_failure.IsOk() &&
         (::ftruncate(m_file.Get(), 0) != 0 || ::lseek(m_file.Get(), 0, SEEK_SET) != 0)) {
         m_failure =
-            TStatus::Failure("emptying the flash file " + m_path + ": " + std::strerror(errno));
+            CStatus::Failure("emptying the flash file " + m_path + ": " + std::strerror(errno));
     }
 }
 
@@ -37,9 +37,9 @@ void CFlashFile::Program(const uint8_t* data, size_t count) {
     }
 }
 
-TStatus CFlashFile::Flush() {
+CStatus CFlashFile::Flush() {
     size_t written = 0;
-    while (m_failure.Ok() && written < m_pending.size()) {
+    while (m_failure.IsOk() && written < m_pending.size()) {
         const ssize_t result =
             ::write(m_file.Get(), m_pending.data() + written, m_pending.size() - written);
         if (result < 0) {
@@ -47,7 +47,7 @@ TStatus CFlashFile::Flush() {
                 continue;
             }
             m_failure =
-                TStatus::Failure("writing the flash file " + m_path + ": " + std::strerror(errno));
+                CStatus::Failure("writing the flash file " + m_path + ": " + std::strerror(errno));
             break;
         }
         written += static_cast<size_t>(result);

@@ -7,28 +7,28 @@
 #include <string>
 #include <vector>
 
-#include "FileDescriptor.h"
 #include "FlashMemory.h"
 #include "Sha256.h"
 #include "Status.h"
+#include "UniqueFd.h"
 
 class CFlashFile : public IFlashMemory {
 public:
     // Creates or empties the file.
-    [[nodiscard]] TStatus Open(const std::string& path);
+    [[nodiscard]] CStatus Open(const std::string& path);
 
     void BeginProgramming(uint32_t address, uint32_t length) override;
     void Program(const uint8_t* data, size_t count) override;
 
     // Writes what is buffered; the first failure sticks.
-    [[nodiscard]] TStatus Flush();
+    [[nodiscard]] CStatus Flush();
 
     std::string Sha256() const { return m_digest.HexDigest(); }
 
 private:
     std::string m_path;
-    CFileDescriptor m_file;
+    CUniqueFd m_file;
     std::vector<uint8_t> m_pending;
     CSha256 m_digest;
-    TStatus m_failure;
+    CStatus m_failure = CStatus::Ok();
 };

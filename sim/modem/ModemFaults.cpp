@@ -21,13 +21,13 @@ bool ParseUnsigned(const std::string& text, int base, unsigned long max, unsigne
 
 }  // namespace
 
-TStatus AddFault(TModemFaults& faults, const std::string& faultText) {
+CStatus AddFault(TModemFaults& faults, const std::string& faultText) {
     const auto equals = faultText.find('=');
     const std::string name = faultText.substr(0, equals);
     const bool hasArgument = equals != std::string::npos;
     const std::string argument = hasArgument ? faultText.substr(equals + 1) : std::string();
     const auto bad = [&](const std::string& why) {
-        return TStatus::Failure("fault \"" + faultText + "\": " + why);
+        return CStatus::Failure("fault \"" + faultText + "\": " + why);
     };
 
     if (name == "no-sync" || name == "loader-silent" || name == "erase-never-done" ||
@@ -44,7 +44,7 @@ TStatus AddFault(TModemFaults& faults, const std::string& faultText) {
         } else {
             faults.writeSilent = true;
         }
-        return TStatus::Success();
+        return CStatus::Ok();
     }
     if (name == "sync-after") {
         unsigned long powerUp = 0;
@@ -52,21 +52,21 @@ TStatus AddFault(TModemFaults& faults, const std::string& faultText) {
             return bad("needs a power-up number of 1 or more");
         }
         faults.syncAfter = static_cast<unsigned>(powerUp);
-        return TStatus::Success();
+        return CStatus::Ok();
     }
     if (name == "loader-status") {
         if (argument != "1" && argument != "2" && argument != "3") {
             return bad("needs 1, 2 or 3");
         }
         faults.loaderStatus = argument[0];
-        return TStatus::Success();
+        return CStatus::Ok();
     }
     if (name == "write-status") {
         if (argument != "1" && argument != "2" && argument != "3" && argument != "X") {
             return bad("needs 1, 2, 3 or X");
         }
         faults.writeStatus = argument[0];
-        return TStatus::Success();
+        return CStatus::Ok();
     }
     if (name == "nak") {
         std::string digits = argument;
@@ -79,7 +79,7 @@ TStatus AddFault(TModemFaults& faults, const std::string& faultText) {
             return bad("needs a command byte in hex, such as 07");
         }
         faults.nakCommands.insert(static_cast<uint8_t>(command));
-        return TStatus::Success();
+        return CStatus::Ok();
     }
     if (name == "drop-bytes") {
         unsigned long count = 0;
@@ -87,7 +87,7 @@ TStatus AddFault(TModemFaults& faults, const std::string& faultText) {
             return bad("needs a byte count");
         }
         faults.dropBytes = static_cast<uint32_t>(count);
-        return TStatus::Success();
+        return CStatus::Ok();
     }
     return bad("unknown fault");
 }

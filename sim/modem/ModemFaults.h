@@ -21,4 +21,4 @@ struct TModemFaults {
 };
 
 // Adds one fault given as "NAME" or "NAME=ARG" (command bytes in hex, "07" or "0x07").
-[[nodiscard]] TStatus AddFault(TModemFaults& faults, const std::string& faultText);
+[[nodiscard]] CStatus AddFault(TModemFaults& faults, const std::string& faultText);

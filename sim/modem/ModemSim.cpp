@@ -15,17 +15,17 @@ namespace {
 
 constexpr size_t kReadBlock = 4096;
 
-TStatus ReadWholeFile(const std::string& path, std::vector<uint8_t>& contents) {
+CStatus ReadWholeFile(const std::string& path, std::vector<uint8_t>& contents) {
     std::ifstream file(path, std::ios::binary);
     if (!file) {
-        return TStatus::Failure("reading the loader " + path + ": " + std::strerror(errno));
+        return CStatus::Failure("reading the loader " + path + ": " + std::strerror(errno));
     }
     contents.assign(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
     if (contents.empty()) {
-        return TStatus::Failure("reading the loader " + path +
+        return CStatus::Failure("reading the loader " + path +
                                 ": it is empty, and the boot code needs at least one byte");
     }
-    return TStatus::Success();
+    return CStatus::Ok();
 }
 
 }  // namespace
@@ -37,26 +37,26 @@ CModemSim::CModemSim(TOptions options)
       m_receivePacer(m_options.baud),
       m_transmitPacer(m_options.baud) {}
 
-TStatus CModemSim::Start() {
+CStatus CModemSim::Start() {
     std::vector<uint8_t> loaderImage;
-    if (TStatus status = ReadWholeFile(m_options.loader, loaderImage); !status.Ok()) {
+    if (CStatus status = ReadWholeFile(m_options.loader, loaderImage); !status.IsOk()) {
         return status;
     }
     if (!m_options.trace.empty()) {
-        if (TStatus status = m_trace.Open(m_options.trace); !status.Ok()) {
+        if (CStatus status = m_trace.Open(m_options.trace); !status.IsOk()) {
             return status;
         }
     }
-    if (TStatus status = m_flash.Open(m_options.flashOut); !status.Ok()) {
+    if (CStatus status = m_flash.Open(m_options.flashOut); !status.IsOk()) {
         return status;
     }
-    if (TStatus status = m_ready.Open(m_options.ready, m_options.initiallyOn); !status.Ok()) {
+    if (CStatus status = m_ready.Open(m_options.ready, m_options.initiallyOn); !status.IsOk()) {
         return status;
     }
-    if (TStatus status = m_pin.Open(m_options.control); !status.Ok()) {
+    if (CStatus status = m_pin.Open(m_options.control); !status.IsOk()) {
         return status;
     }
-    if (TStatus status = m_terminal.Open(); !status.Ok()) {
+    if (CStatus status = m_terminal.Open(); !status.IsOk()) {
         return status;
     }
 
@@ -77,7 +77,7 @@ TStatus CModemSim::Start() {
     return m_link.Create(m_terminal.SlavePath(), m_options.link);
 }
 
-TStatus CModemSim::UpdatePower(TTime now) {
+CStatus CModemSim::UpdatePower(TTime now) {
     if (const auto level = m_pin.Changed()) {
         m_trace.Note(std::string("pin ") + *level, now);
         m_power->SetPin(*level, now);
@@ -93,11 +93,11 @@ TStatus CModemSim::UpdatePower(TTime now) {
             m_toHost.clear();
         }
         m_trace.Note(on ? "power on" : "power off", event.at);
-        if (TStatus status = m_ready.Set(on); !status.Ok()) {
+        if (CStatus status = m_ready.Set(on); !status.IsOk()) {
             return status;
         }
     }
-    return TStatus::Success();
+    return CStatus::Ok();
 }
 
 void CModemSim::ReceiveFromHost(TTime now, bool readable) {
@@ -165,18 +165,18 @@ std::optional<CModemSim::TTime> CModemSim::NextWake() const {
     return earliest;
 }
 
-TStatus CModemSim::Run(int stopDescriptor) {
+CStatus CModemSim::Run(int stopDescriptor) {
     bool readable = false;
     for (;;) {
         const TTime now = std::chrono::steady_clock::now();
-        if (TStatus status = UpdatePower(now); !status.Ok()) {
+        if (CStatus status = UpdatePower(now); !status.IsOk()) {
             return status;
         }
         m_protocol->Advance(now);
         CollectOutput();
         ReceiveFromHost(now, readable);
         TransmitToHost(now);
-        if (TStatus status = m_flash.Flush(); !status.Ok()) {
+        if (CStatus status = m_flash.Flush(); !status.IsOk()) {
             return status;
         }
 
@@ -202,22 +202,22 @@ TStatus CModemSim::Run(int stopDescriptor) {
             timeoutPointer = &timeout;
         }
         if (::ppoll(descriptors, 3, timeoutPointer, nullptr) < 0 && errno != EINTR) {
-            return TStatus::Failure(std::string("waiting for the line: ") + std::strerror(errno));
+            return CStatus::Failure(std::string("waiting for the line: ") + std::strerror(errno));
         }
         if (descriptors[2].revents & POLLIN) {
             m_trace.Note("stop", std::chrono::steady_clock::now());
-            return TStatus::Success();
+            return CStatus::Ok();
         }
         readable = (descriptors[0].revents & POLLIN) != 0;
     }
 }
 
-TStatus CModemSim::Finish() {
-    if (TStatus status = m_flash.Flush(); !status.Ok()) {
+CStatus CModemSim::Finish() {
+    if (CStatus status = m_flash.Flush(); !status.IsOk()) {
         return status;
     }
     if (m_options.summary.empty() || !m_protocol) {
-        return TStatus::Success();
+        return CStatus::Ok();
     }
     return WriteSummary(m_options.summary, SummaryJson(m_protocol->Statistics(),
                                                        m_power->PowerOffs(), m_flash.Sha256()));

@@ -26,16 +26,16 @@ public:
 
     // Reads the loader image and sets up the files and the line. The link is made last, so a
     // host that finds it finds the modem ready to listen.
-    [[nodiscard]] TStatus Start();
+    [[nodiscard]] CStatus Start();
 
     // Plays the modem until `stopDescriptor` becomes readable (the signal descriptor).
-    [[nodiscard]] TStatus Run(int stopDescriptor);
+    [[nodiscard]] CStatus Run(int stopDescriptor);
 
     // Writes "--summary", if given.
-    [[nodiscard]] TStatus Finish();
+    [[nodiscard]] CStatus Finish();
 
 private:
-    [[nodiscard]] TStatus UpdatePower(TTime now);
+    [[nodiscard]] CStatus UpdatePower(TTime now);
     void ReceiveFromHost(TTime now, bool readable);
     void TransmitToHost(TTime now);
     void CollectOutput();

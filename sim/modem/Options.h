@@ -27,6 +27,6 @@ struct TOptions {
 };
 
 // Parses the arguments after the program name. With "--help" anywhere, only help is set.
-[[nodiscard]] TStatus ParseOptions(const std::vector<std::string>& arguments, TOptions& options);
+[[nodiscard]] CStatus ParseOptions(const std::vector<std::string>& arguments, TOptions& options);
 
 std::string UsageText();

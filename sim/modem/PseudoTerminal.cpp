@@ -9,14 +9,14 @@
 #include <cstring>
 
 namespace {
-TStatus SystemFailure(const std::string& doing) {
-    return TStatus::Failure(doing + ": " + std::strerror(errno));
+CStatus SystemFailure(const std::string& doing) {
+    return CStatus::Failure(doing + ": " + std::strerror(errno));
 }
 }  // namespace
 
-TStatus CPseudoTerminal::Open() {
+CStatus CPseudoTerminal::Open() {
     m_master.Reset(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
-    if (!m_master.Valid()) {
+    if (!m_master.IsValid()) {
         return SystemFailure("opening a pseudo-terminal");
     }
     if (::grantpt(m_master.Get()) != 0 || ::unlockpt(m_master.Get()) != 0) {
@@ -28,7 +28,7 @@ TStatus CPseudoTerminal::Open() {
     }
     m_slavePath = name;
     m_slave.Reset(::open(name, O_RDWR | O_NOCTTY | O_CLOEXEC));
-    if (!m_slave.Valid()) {
+    if (!m_slave.IsValid()) {
         return SystemFailure("opening the pseudo-terminal's slave " + m_slavePath);
     }
     termios settings{};
@@ -45,5 +45,5 @@ TStatus CPseudoTerminal::Open() {
     if (flags < 0 || ::fcntl(m_master.Get(), F_SETFL, flags | O_NONBLOCK) != 0) {
         return SystemFailure("making the pseudo-terminal non-blocking");
     }
-    return TStatus::Success();
+    return CStatus::Ok();
 }

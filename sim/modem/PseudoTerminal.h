@@ -8,19 +8,19 @@
 
 #include <string>
 
-#include "FileDescriptor.h"
 #include "Status.h"
+#include "UniqueFd.h"
 
 class CPseudoTerminal {
 public:
-    [[nodiscard]] TStatus Open();
+    [[nodiscard]] CStatus Open();
 
     // Non-blocking; the descriptor to read host bytes from and write modem bytes to.
     int Master() const { return m_master.Get(); }
     const std::string& SlavePath() const { return m_slavePath; }
 
 private:
-    CFileDescriptor m_master;
-    CFileDescriptor m_slave;
+    CUniqueFd m_master;
+    CUniqueFd m_slave;
     std::string m_slavePath;
 };

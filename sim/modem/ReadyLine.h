@@ -9,8 +9,8 @@
 
 class CReadyLine {
 public:
-    [[nodiscard]] TStatus Open(const std::string& path, bool on);
-    [[nodiscard]] TStatus Set(bool on);
+    [[nodiscard]] CStatus Open(const std::string& path, bool on);
+    [[nodiscard]] CStatus Set(bool on);
 
 private:
     std::string m_path;

@@ -1,10 +1,13 @@
 #pragma once
-// SHA-256 (FIPS 180-4), incremental, so the emulator can fingerprint the flash as it is
-// programmed and a test can compare it with the firmware file's.
+// SHA-256, incremental, so the emulator can fingerprint the flash as it is programmed and a test
+// can compare it with the firmware file's. The digest is libcrypto's; this class owns its
+// context.
 
-#include <array>
+#include <openssl/evp.h>
+
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string>
 
 class CSha256 {
@@ -13,13 +16,13 @@ public:
 
     void Update(const uint8_t* data, size_t count);
     // Lowercase hex of the digest of everything given so far; the state is left untouched.
+    // Empty only when libcrypto could not make a context (out of memory).
     std::string HexDigest() const;
 
 private:
-    void Compress(const uint8_t* block);
+    struct TContextFree {
+        void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
+    };
 
-    std::array<uint32_t, 8> m_hash;
-    std::array<uint8_t, 64> m_block{};
-    size_t m_blockFill = 0;
-    uint64_t m_totalBytes = 0;
+    std::unique_ptr<EVP_MD_CTX, TContextFree> m_context;
 };

@@ -21,12 +21,12 @@ nlohmann::json SummaryJson(const TBootStatistics& statistics, unsigned powerOffs
     };
 }
 
-TStatus WriteSummary(const std::string& path, const nlohmann::json& summary) {
+CStatus WriteSummary(const std::string& path, const nlohmann::json& summary) {
     std::ofstream file(path, std::ios::trunc);
     file << summary.dump(2) << '\n';
     file.close();
     if (!file) {
-        return TStatus::Failure("writing the summary " + path + ": " + std::strerror(errno));
+        return CStatus::Failure("writing the summary " + path + ": " + std::strerror(errno));
     }
-    return TStatus::Success();
+    return CStatus::Ok();
 }

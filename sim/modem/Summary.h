@@ -18,4 +18,4 @@
 nlohmann::json SummaryJson(const TBootStatistics& statistics, unsigned powerOffs,
                            const std::string& flashSha256);
 
-[[nodiscard]] TStatus WriteSummary(const std::string& path, const nlohmann::json& summary);
+[[nodiscard]] CStatus WriteSummary(const std::string& path, const nlohmann::json& summary);

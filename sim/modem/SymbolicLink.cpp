@@ -12,21 +12,21 @@ CSymbolicLink::~CSymbolicLink() {
     }
 }
 
-TStatus CSymbolicLink::Create(const std::string& target, const std::string& path) {
+CStatus CSymbolicLink::Create(const std::string& target, const std::string& path) {
     struct stat existing {};
     if (::lstat(path.c_str(), &existing) == 0) {
         if (!S_ISLNK(existing.st_mode)) {
-            return TStatus::Failure("making the link " + path +
+            return CStatus::Failure("making the link " + path +
                                     ": a file that is no link is there");
         }
         if (::unlink(path.c_str()) != 0) {
-            return TStatus::Failure("replacing the link " + path + ": " + std::strerror(errno));
+            return CStatus::Failure("replacing the link " + path + ": " + std::strerror(errno));
         }
     }
     if (::symlink(target.c_str(), path.c_str()) != 0) {
-        return TStatus::Failure("making the link " + path + " to " + target + ": " +
+        return CStatus::Failure("making the link " + path + " to " + target + ": " +
                                 std::strerror(errno));
     }
     m_path = path;
-    return TStatus::Success();
+    return CStatus::Ok();
 }

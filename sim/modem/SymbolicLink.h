@@ -14,7 +14,7 @@ public:
     CSymbolicLink(const CSymbolicLink&) = delete;
     CSymbolicLink& operator=(const CSymbolicLink&) = delete;
 
-    [[nodiscard]] TStatus Create(const std::string& target, const std::string& path);
+    [[nodiscard]] CStatus Create(const std::string& target, const std::string& path);
 
 private:
     std::string m_path;

@@ -7,12 +7,12 @@ namespace {
 constexpr size_t kBytesPerLine = 32;
 }
 
-TStatus CWireTrace::Open(const std::string& path) {
+CStatus CWireTrace::Open(const std::string& path) {
     m_file.reset(std::fopen(path.c_str(), "we"));
     if (!m_file) {
-        return TStatus::Failure("opening the trace file " + path + ": " + std::strerror(errno));
+        return CStatus::Failure("opening the trace file " + path + ": " + std::strerror(errno));
     }
-    return TStatus::Success();
+    return CStatus::Ok();
 }
 
 void CWireTrace::Stamp(TTime now) {

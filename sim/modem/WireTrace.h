@@ -20,7 +20,7 @@ public:
 
     explicit CWireTrace(TTime start) : m_start(start) {}
 
-    [[nodiscard]] TStatus Open(const std::string& path);
+    [[nodiscard]] CStatus Open(const std::string& path);
 
     void HostToModem(const uint8_t* data, size_t count, TTime now) {
         Bytes("host>modem", data, count, now);

@@ -8,9 +8,9 @@
 #include <string>
 #include <vector>
 
-#include "FileDescriptor.h"
 #include "ModemSim.h"
 #include "Options.h"
+#include "UniqueFd.h"
 
 namespace {
 constexpr int kExitFailure = 1;
@@ -19,9 +19,9 @@ constexpr int kExitUsage = 2;
 
 int main(int argc, char** argv) {
     TOptions options;
-    const TStatus parsed = ParseOptions(std::vector<std::string>(argv + 1, argv + argc), options);
-    if (!parsed.Ok()) {
-        std::fprintf(stderr, "modem-sim: %s\nTry 'modem-sim --help'.\n", parsed.error.c_str());
+    const CStatus parsed = ParseOptions(std::vector<std::string>(argv + 1, argv + argc), options);
+    if (!parsed.IsOk()) {
+        std::fprintf(stderr, "modem-sim: %s\nTry 'modem-sim --help'.\n", parsed.Message().c_str());
         return kExitUsage;
     }
     if (options.help) {
@@ -37,20 +37,21 @@ int main(int argc, char** argv) {
     sigaddset(&stopSignals, SIGINT);
     sigprocmask(SIG_BLOCK, &stopSignals, nullptr);
     signal(SIGPIPE, SIG_IGN);
-    CFileDescriptor stop(signalfd(-1, &stopSignals, SFD_CLOEXEC | SFD_NONBLOCK));
-    if (!stop.Valid()) {
+    CUniqueFd stop(signalfd(-1, &stopSignals, SFD_CLOEXEC | SFD_NONBLOCK));
+    if (!stop.IsValid()) {
         std::perror("modem-sim: signalfd");
         return kExitFailure;
     }
 
     CModemSim modem(std::move(options));
-    TStatus status = modem.Start();
-    if (status.Ok()) {
+    CStatus status = modem.Start();
+    if (status.IsOk()) {
         status = modem.Run(stop.Get());
     }
-    const TStatus finished = modem.Finish();
-    if (!status.Ok() || !finished.Ok()) {
-        std::fprintf(stderr, "modem-sim: %s\n", (!status.Ok() ? status : finished).error.c_str());
+    const CStatus finished = modem.Finish();
+    if (!status.IsOk() || !finished.IsOk()) {
+        std::fprintf(stderr, "modem-sim: %s\n",
+                     (!status.IsOk() ? status : finished).Message().c_str());
         return kExitFailure;
     }
     return 0;

@@ -7,9 +7,9 @@ constexpr unsigned char kReadErrors = 0xFE;
 constexpr int kPortError = -1;
 }  // namespace
 
-CFuzzSerialPort::CFuzzSerialPort() : m_previous(ISerialPortFactory::SetFactory(this)) {}
+CFuzzSerialPort::CFuzzSerialPort() {}
 
-CFuzzSerialPort::~CFuzzSerialPort() { ISerialPortFactory::SetFactory(m_previous); }
+CFuzzSerialPort::~CFuzzSerialPort() = default;
 
 void CFuzzSerialPort::AnswerOnPowerUp(unsigned powerUp) {
     std::lock_guard<std::mutex> lock(m_mutex);

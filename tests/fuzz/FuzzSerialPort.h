@@ -22,6 +22,7 @@
 #include <mutex>
 #include <string>
 
+#include "InstalledBackend.h"
 #include "SerialPort.h"
 
 class CFuzzSerialPort : public ISerialPort, public ISerialPortFactory {
@@ -51,7 +52,6 @@ public:
     ISerialPort* Create(const std::string& device, uint32_t speed, uint32_t flags) override;
 
 private:
-    ISerialPortFactory* m_previous;
     mutable std::mutex m_mutex;
     unsigned m_answeringPowerUp = 0;
     unsigned m_powerUps = 0;
@@ -66,4 +66,5 @@ private:
     unsigned m_writeCalls = 0;
     unsigned m_faultyWrite = 0;
     bool m_shortWrite = false;
+    CInstalledSerialPorts m_installation{this};  // last: installed once built, removed first
 };

@@ -9,12 +9,9 @@ std::string Parent(const std::string& path) {
 }
 }  // namespace
 
-CFakeFileHandler::CFakeFileHandler() : m_previous(IFileHandler::SetBackend(this)) {
-    m_folders.insert("/");
-}
+CFakeFileHandler::CFakeFileHandler() { m_folders.insert("/"); }
 
 CFakeFileHandler::~CFakeFileHandler() {
-    IFileHandler::SetBackend(m_previous);
     for (auto& [file, stream] : m_streams) {
         fclose(file);
         free(stream->writeBuffer);

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "FileHandler.h"
+#include "InstalledBackend.h"
 
 class CFakeFileHandler : public IFileHandlerBackend {
 public:
@@ -73,7 +74,6 @@ private:
     bool FolderReachable(const std::string& path) const;
     void Record(const std::string& call);
 
-    IFileHandlerBackend* m_previous;
     mutable std::recursive_mutex m_mutex;
     std::map<std::string, std::string> m_files;
     std::set<std::string> m_folders;
@@ -82,4 +82,5 @@ private:
     std::map<std::string, std::string> m_mounts;                           // mount point -> device
     std::map<FILE*, std::unique_ptr<TStream>> m_streams;
     std::vector<std::string> m_calls;
+    CInstalledFileHandler m_installation{this};  // last: installed once built, removed first
 };

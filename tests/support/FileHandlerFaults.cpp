@@ -7,9 +7,9 @@ std::string Text(const unsigned char* bytes) {
 }  // namespace
 
 CFileHandlerFaults::CFileHandlerFaults(IFileHandlerBackend& inner)
-    : m_inner(inner), m_previous(IFileHandler::SetBackend(this)) {}
+    : CForwardingFileHandler(inner) {}
 
-CFileHandlerFaults::~CFileHandlerFaults() { IFileHandler::SetBackend(m_previous); }
+CFileHandlerFaults::~CFileHandlerFaults() = default;
 
 void CFileHandlerFaults::FailWith(const std::string& operation, int result,
                                   const std::string& pathPart) {
@@ -54,32 +54,35 @@ bool CFileHandlerFaults::Forced(const std::string& operation, const unsigned cha
 
 int CFileHandlerFaults::FileExists(const unsigned char* path) {
     int result = 0;
-    return Forced("FileExists", path, result) ? result : m_inner.FileExists(path);
+    return Forced("FileExists", path, result) ? result : CForwardingFileHandler::FileExists(path);
 }
 
 int CFileHandlerFaults::FolderExists(const unsigned char* path) {
     int result = 0;
-    return Forced("FolderExists", path, result) ? result : m_inner.FolderExists(path);
+    return Forced("FolderExists", path, result) ? result
+                                                : CForwardingFileHandler::FolderExists(path);
 }
 
 int CFileHandlerFaults::MakeFolder(const unsigned char* path) {
     int result = 0;
-    return Forced("MakeFolder", path, result) ? result : m_inner.MakeFolder(path);
+    return Forced("MakeFolder", path, result) ? result : CForwardingFileHandler::MakeFolder(path);
 }
 
 int CFileHandlerFaults::CopyFile(const unsigned char* source, const unsigned char* destination) {
     int result = 0;
-    return Forced("CopyFile", source, result) ? result : m_inner.CopyFile(source, destination);
+    return Forced("CopyFile", source, result)
+               ? result
+               : CForwardingFileHandler::CopyFile(source, destination);
 }
 
 int CFileHandlerFaults::RemoveFile(const unsigned char* path) {
     int result = 0;
-    return Forced("RemoveFile", path, result) ? result : m_inner.RemoveFile(path);
+    return Forced("RemoveFile", path, result) ? result : CForwardingFileHandler::RemoveFile(path);
 }
 
 int CFileHandlerFaults::FileSize(const unsigned char* path) {
     int result = 0;
-    return Forced("FileSize", path, result) ? result : m_inner.FileSize(path);
+    return Forced("FileSize", path, result) ? result : CForwardingFileHandler::FileSize(path);
 }
 
 FILE* CFileHandlerFaults::FOpen(const unsigned char* path, const char* mode) {
@@ -92,7 +95,7 @@ FILE* CFileHandlerFaults::FOpen(const unsigned char* path, const char* mode) {
             }
         }
     }
-    return m_inner.FOpen(path, mode);
+    return CForwardingFileHandler::FOpen(path, mode);
 }
 
 std::size_t CFileHandlerFaults::FRead(void* buffer, std::size_t size, std::size_t count,
@@ -103,7 +106,7 @@ std::size_t CFileHandlerFaults::FRead(void* buffer, std::size_t size, std::size_
         limit = m_nextReadLimit;
         m_nextReadLimit = static_cast<std::size_t>(-1);
     }
-    return m_inner.FRead(buffer, size, count < limit ? count : limit, file);
+    return CForwardingFileHandler::FRead(buffer, size, count < limit ? count : limit, file);
 }
 
 std::size_t CFileHandlerFaults::FWrite(const void* data, std::size_t size, std::size_t count,
@@ -113,27 +116,24 @@ std::size_t CFileHandlerFaults::FWrite(const void* data, std::size_t size, std::
         std::lock_guard<std::mutex> lock(m_mutex);
         limit = m_writeLimit;
     }
-    return m_inner.FWrite(data, size, count < limit ? count : limit, file);
+    return CForwardingFileHandler::FWrite(data, size, count < limit ? count : limit, file);
 }
-
-char* CFileHandlerFaults::FGets(char* buffer, int size, FILE* file) {
-    return m_inner.FGets(buffer, size, file);
-}
-
-int CFileHandlerFaults::FClose(FILE* file) { return m_inner.FClose(file); }
 
 int CFileHandlerFaults::Mount(const unsigned char* device, const unsigned char* mountPoint,
                               IFileHandler::TFileSystemFormat format) {
     int result = 0;
-    return Forced("Mount", device, result) ? result : m_inner.Mount(device, mountPoint, format);
+    return Forced("Mount", device, result)
+               ? result
+               : CForwardingFileHandler::Mount(device, mountPoint, format);
 }
 
 int CFileHandlerFaults::Umount(const unsigned char* mountPoint) {
     int result = 0;
-    return Forced("Umount", mountPoint, result) ? result : m_inner.Umount(mountPoint);
+    return Forced("Umount", mountPoint, result) ? result
+                                                : CForwardingFileHandler::Umount(mountPoint);
 }
 
 int CFileHandlerFaults::Sync() {
     int result = 0;
-    return Forced("Sync", nullptr, result) ? result : m_inner.Sync();
+    return Forced("Sync", nullptr, result) ? result : CForwardingFileHandler::Sync();
 }

@@ -1,7 +1,7 @@
 #pragma once
 // Wraps a file-handler backend (usually a CFakeFileHandler) and makes chosen operations fail,
 // installed in its place while the object lives. Operations not made to fail reach the inner
-// backend unchanged.
+// backend unchanged (CForwardingFileHandler); reads and closes are never made to fail.
 //
 //   CFakeFileHandler files;
 //   CFileHandlerFaults faults(files);
@@ -16,9 +16,10 @@
 #include <string>
 #include <vector>
 
-#include "FileHandler.h"
+#include "ForwardingFileHandler.h"
+#include "InstalledBackend.h"
 
-class CFileHandlerFaults : public IFileHandlerBackend {
+class CFileHandlerFaults : public CForwardingFileHandler {
 public:
     explicit CFileHandlerFaults(IFileHandlerBackend& inner);
     ~CFileHandlerFaults() override;
@@ -46,8 +47,6 @@ public:
     FILE* FOpen(const unsigned char* path, const char* mode) override;
     std::size_t FRead(void* buffer, std::size_t size, std::size_t count, FILE* file) override;
     std::size_t FWrite(const void* data, std::size_t size, std::size_t count, FILE* file) override;
-    char* FGets(char* buffer, int size, FILE* file) override;
-    int FClose(FILE* file) override;
     int Mount(const unsigned char* device, const unsigned char* mountPoint,
               IFileHandler::TFileSystemFormat format) override;
     int Umount(const unsigned char* mountPoint) override;
@@ -57,12 +56,11 @@ private:
     // The forced result of `operation` on `path`, if one applies.
     bool Forced(const std::string& operation, const unsigned char* path, int& result) const;
 
-    IFileHandlerBackend& m_inner;
-    IFileHandlerBackend* m_previous;
     mutable std::mutex m_mutex;
     std::multimap<std::string, std::pair<std::string, int>> m_failures;  // op -> {part, result}
     std::vector<std::string> m_failedOpens;
     std::size_t m_writeLimit = static_cast<std::size_t>(-1);
     std::size_t m_nextReadLimit = static_cast<std::size_t>(-1);
     mutable std::vector<std::string> m_forcedCalls;
+    CInstalledFileHandler m_installation{this};  // last: installed once built, removed first
 };

@@ -23,9 +23,9 @@ TLogEntry AlwaysEntry(const std::string& function, const std::string& message) {
     return {logging::categories::Always, function, LogText(message)};
 }
 
-CLogCapture::CLogCapture() : m_previous(logging::IControl::SetLog(this)) {}
+CLogCapture::CLogCapture() {}
 
-CLogCapture::~CLogCapture() { logging::IControl::SetLog(m_previous); }
+CLogCapture::~CLogCapture() = default;
 
 void CLogCapture::Write(const logging::TLogRecord& record) {
     std::lock_guard<std::mutex> lock(m_mutex);

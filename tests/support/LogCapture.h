@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "InstalledBackend.h"
 #include "Logging.h"
 
 // The parts of a record most tests compare: category, function and text.
@@ -40,7 +41,7 @@ public:
     void Clear();
 
 private:
-    logging::internals::ILog* m_previous;
     mutable std::mutex m_mutex;
     std::vector<logging::TLogRecord> m_records;
+    CInstalledLog m_installation{this};  // last: installed once built, removed first
 };

@@ -1,8 +1,8 @@
 #include "RecordingCmdHandler.h"
 
-CRecordingCmdHandler::CRecordingCmdHandler() : m_previous(ICmdHandler::SetBackend(this)) {}
+CRecordingCmdHandler::CRecordingCmdHandler() {}
 
-CRecordingCmdHandler::~CRecordingCmdHandler() { ICmdHandler::SetBackend(m_previous); }
+CRecordingCmdHandler::~CRecordingCmdHandler() = default;
 
 void CRecordingCmdHandler::SetStatus(const std::string& linePrefix, int status) {
     std::lock_guard<std::mutex> lock(m_mutex);

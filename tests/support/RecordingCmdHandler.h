@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "CmdHandler.h"
+#include "InstalledBackend.h"
 
 class CRecordingCmdHandler : public ICmdHandlerBackend {
 public:
@@ -27,9 +28,9 @@ public:
     std::vector<std::string> Lines() const;
 
 private:
-    ICmdHandlerBackend* m_previous;
     mutable std::mutex m_mutex;
     std::map<std::string, int> m_statuses;
     std::function<void(const std::string&)> m_action;
     std::vector<std::string> m_lines;
+    CInstalledCmdHandler m_installation{this};  // last: installed once built, removed first
 };

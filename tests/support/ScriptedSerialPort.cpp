@@ -32,9 +32,9 @@ std::string HexBytes(const TBytes& bytes, std::size_t limit) {
     return text.empty() ? "nothing" : text;
 }
 
-CScriptedSerialPort::CScriptedSerialPort() : m_previous(ISerialPortFactory::SetFactory(this)) {}
+CScriptedSerialPort::CScriptedSerialPort() {}
 
-CScriptedSerialPort::~CScriptedSerialPort() { ISerialPortFactory::SetFactory(m_previous); }
+CScriptedSerialPort::~CScriptedSerialPort() = default;
 
 void CScriptedSerialPort::FailCreate() {
     std::lock_guard<std::mutex> lock(m_mutex);

@@ -19,6 +19,7 @@
 #include <string>
 #include <vector>
 
+#include "InstalledBackend.h"
 #include "SerialPort.h"
 
 using TBytes = std::vector<uint8_t>;
@@ -93,7 +94,6 @@ private:
     // Takes the read steps that are due without a read.
     void Advance();
 
-    ISerialPortFactory* m_previous;
     mutable std::mutex m_mutex;
     bool m_failCreate = false;
     std::vector<TSerialCreateCall> m_createCalls;
@@ -108,4 +108,5 @@ private:
     std::size_t m_reads = 0;
     std::size_t m_writeCalls = 0;
     bool m_unexpected = false;
+    CInstalledSerialPorts m_installation{this};  // last: installed once built, removed first
 };

@@ -9,10 +9,12 @@
 
 #include <algorithm>
 #include <fstream>
+#include <optional>
 #include <random>
 #include <stdexcept>
 
 #include "ArchiveLoader.h"
+#include "InstalledBackend.h"
 #include "LinuxFileHandler.h"
 #include "LogCapture.h"
 #include "MapProperties.h"
@@ -62,15 +64,10 @@ protected:
         if (!missing.empty()) {
             MODEMLOADER_MISSING_PREREQUISITE(missing);
         }
-        m_previous = IFileHandler::SetBackend(&m_handler);
-        m_installed = true;
+        m_installation.emplace(&m_handler);
     }
 
-    void TearDown() override {
-        if (m_installed) {
-            IFileHandler::SetBackend(m_previous);
-        }
-    }
+    void TearDown() override { m_installation.reset(); }
 
     // The four update files in a source folder, and the properties that name them and `storage`.
     void PrepareUpdate(const CStorageImage& storage, std::size_t firmwareBytes = 1 * kMiB) {
@@ -135,8 +132,7 @@ protected:
 
     std::string m_name = kFeature;
     CLinuxFileHandler m_handler{{{2, "ext4"}}};
-    IFileHandlerBackend* m_previous = nullptr;
-    bool m_installed = false;
+    std::optional<CInstalledFileHandler> m_installation;
     CTemporaryDirectory m_sourceFolder;
     std::map<std::string, std::string> m_sources;
     CRecordingEventBroker m_broker;
@@ -276,11 +272,11 @@ TEST_F(ArchiveLoaderStorageTest, SlashlessSourceLeavesTheStorageMountedUntilTheH
     m_properties.Set(kFeature, "productconfig", "product.conf");
     {
         CLinuxFileHandler handler({{2, "ext4"}});
-        IFileHandlerBackend* installed = IFileHandler::SetBackend(&handler);
+        std::optional<CInstalledFileHandler> installed(std::in_place, &handler);
         CArchiveLoader loader(m_name, m_broker, m_properties, m_callback);
         ASSERT_TRUE(loader.Prepare());
         EXPECT_THROW(loader.Install(), std::out_of_range);
-        IFileHandler::SetBackend(installed);
+        installed.reset();
         EXPECT_TRUE(storage.IsMounted());
         EXPECT_THAT(m_callback.Calls(), ::testing::IsEmpty());
         EXPECT_THAT(m_log.Records(), ::testing::IsEmpty());

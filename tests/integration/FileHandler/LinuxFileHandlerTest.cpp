@@ -13,6 +13,8 @@
 #include <random>
 #include <sstream>
 
+#include "ChildProcess.h"
+#include "InstalledBackend.h"
 #include "LinuxFileHandler.h"
 #include "LoopDevice.h"
 #include "MountTable.h"
@@ -50,14 +52,11 @@ bool Exists(const std::string& path) {
 // The handler installed as the file service for the test's lifetime, as the host installs it.
 class LinuxFileHandlerTest : public ::testing::Test {
 protected:
-    LinuxFileHandlerTest() : m_previous(IFileHandler::SetBackend(&m_handler)) {}
-    ~LinuxFileHandlerTest() override { IFileHandler::SetBackend(m_previous); }
-
     std::string Path(const std::string& name) const { return m_directory.Path() + "/" + name; }
 
     CTemporaryDirectory m_directory;
     CLinuxFileHandler m_handler{{{2, "ext4"}}};
-    IFileHandlerBackend* m_previous;
+    CInstalledFileHandler m_installation{&m_handler};
 };
 
 TEST_F(LinuxFileHandlerTest, FileExistsIsZeroForAFileOrFolderAndNonZeroForAMissingPath) {
@@ -440,19 +439,18 @@ TEST_F(LinuxFileHandlerStorageTest, DestroyingTheHandlerUnmountsWhatItMounted) {
 TEST_F(LinuxFileHandlerStorageTest, LoopDeviceIsFreedWhenTheMountGoesEvenAfterTheProcessDied) {
     CStorageImage storage(4 * 1024 * 1024);
     ASSERT_EQ(storage.Error(), "");
-    const pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        // Mounts and dies without unmounting or running any destructor.
+    CChildProcess child;
+    // Mounts and dies without unmounting or running any destructor.
+    const CStatus started = child.StartCopy([&storage] {
         CLinuxFileHandler* handler = new CLinuxFileHandler({{2, "ext4"}});
-        _exit(handler->Mount(Bytes(storage.Image()), Bytes(storage.MountPoint()),
-                             IFileHandler::eFormatMovinand) == 0
-                  ? 0
-                  : 1);
-    }
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+        return handler->Mount(Bytes(storage.Image()), Bytes(storage.MountPoint()),
+                              IFileHandler::eFormatMovinand) == 0
+                   ? 0
+                   : 1;
+    });
+    ASSERT_TRUE(started) << started.Message();
+    const TChildExit exit = child.WaitToEnd();
+    ASSERT_EQ(exit.exitCode, 0);
     EXPECT_TRUE(storage.IsMounted());
     EXPECT_EQ(storage.AttachedLoopDevices().size(), 1u);
 

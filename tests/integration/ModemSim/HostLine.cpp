@@ -17,7 +17,7 @@ int Remaining(std::chrono::steady_clock::time_point deadline) {
 
 bool CHostLine::Open(const std::string& path) {
     m_line.Reset(::open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
-    if (!m_line.Valid()) {
+    if (!m_line.IsValid()) {
         return false;
     }
     termios settings{};

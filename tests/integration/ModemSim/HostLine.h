@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "FileDescriptor.h"
+#include "UniqueFd.h"
 
 class CHostLine {
 public:
@@ -21,5 +21,5 @@ public:
     std::vector<uint8_t> Read(size_t count, std::chrono::milliseconds timeout);
 
 private:
-    CFileDescriptor m_line;
+    CUniqueFd m_line;
 };

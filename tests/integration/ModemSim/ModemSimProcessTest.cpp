@@ -14,12 +14,12 @@
 #include <nlohmann/json.hpp>
 #include <thread>
 
-#include "FileDescriptor.h"
+#include "ChildProcess.h"
 #include "HostLine.h"
 #include "Prerequisite.h"
 #include "Sha256.h"
-#include "SimProcess.h"
 #include "TemporaryDirectory.h"
+#include "UniqueFd.h"
 
 namespace {
 
@@ -76,8 +76,8 @@ TBytes Range(uint8_t command, uint32_t length) {
 class ModemSimProcessTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        CFileDescriptor terminal(::posix_openpt(O_RDWR | O_NOCTTY));
-        if (!terminal.Valid()) {
+        CUniqueFd terminal(::posix_openpt(O_RDWR | O_NOCTTY));
+        if (!terminal.IsValid()) {
             MODEMLOADER_MISSING_PREREQUISITE(
                 "no pseudo-terminal available: /dev/ptmx cannot be opened");
         }
@@ -104,10 +104,32 @@ protected:
         return arguments;
     }
 
+    // Starts modem-sim with `arguments`, its standard output and error in files of their own so
+    // that a test can check the exact text.
+    bool StartProgram(const std::vector<std::string>& arguments) {
+        std::vector<std::string> command{kModemSim};
+        command.insert(command.end(), arguments.begin(), arguments.end());
+        TStartOptions options;
+        options.outputPath = Path("stdout.txt");
+        options.errorPath = Path("stderr.txt");
+        const CStatus started = m_modem.Start(command, options);
+        EXPECT_TRUE(started) << started.Message();
+        return static_cast<bool>(started);
+    }
+
+    // The exit status once modem-sim has exited within `timeout`; -1 for a death by signal; none
+    // if it is still running.
+    std::optional<int> ExitCode(std::chrono::milliseconds timeout) {
+        const std::optional<TChildExit> exit = m_modem.Wait(timeout);
+        if (!exit) {
+            return std::nullopt;
+        }
+        return exit->signal != 0 ? -1 : exit->exitCode;
+    }
+
     // Starts the emulator and opens the line once its link exists.
     void StartModem(const std::vector<std::string>& extra = {}) {
-        ASSERT_TRUE(
-            m_modem.Start(kModemSim, Arguments(extra), Path("stdout.txt"), Path("stderr.txt")));
+        ASSERT_TRUE(StartProgram(Arguments(extra)));
         ASSERT_TRUE(Await([&] { return std::filesystem::is_symlink(Path("ttyModem")); }, 10s))
             << ReadText(Path("stderr.txt"));
         ASSERT_TRUE(m_line.Open(Path("ttyModem")));
@@ -116,7 +138,8 @@ protected:
     // What the image loader's power worker does: a shell writes the pin.
     void SetPin(char level) {
         const std::string command = std::string("echo ") + level + " > " + Path("control");
-        ASSERT_EQ(std::system(command.c_str()), 0);
+        const TChildResult shell = CChildProcess::Run({"/bin/sh", "-c", command});
+        ASSERT_EQ(shell.exitCode, 0) << Describe(shell);
     }
 
     bool AwaitReady(char level, std::chrono::milliseconds timeout = 10s) {
@@ -132,28 +155,31 @@ protected:
     // Stops the emulator as the test harness would and returns its summary.
     nlohmann::json Stop(int signal = SIGTERM) {
         EXPECT_TRUE(m_modem.Signal(signal));
-        const auto status = m_modem.WaitForExit(10s);
+        const auto status = ExitCode(10s);
         EXPECT_EQ(status, std::optional<int>(0)) << ReadText(Path("stderr.txt"));
         return nlohmann::json::parse(ReadText(Path("summary.json")), nullptr, false);
     }
 
     CTemporaryDirectory m_directory;
-    CSimProcess m_modem;
+    CChildProcess m_modem;
     CHostLine m_line;
     TBytes m_loader;
 };
 
 TEST_F(ModemSimProcessTest, HelpPrintsTheUsageAndExitsZero) {
-    ASSERT_TRUE(m_modem.Start(kModemSim, {"--help"}, Path("stdout.txt"), Path("stderr.txt")));
-    EXPECT_EQ(m_modem.WaitForExit(10s), std::optional<int>(0));
-    EXPECT_EQ(ReadText(Path("stdout.txt")).rfind("usage: modem-sim --link PATH", 0), 0u);
+    ASSERT_TRUE(StartProgram({"--help"}));
+    EXPECT_EQ(ExitCode(10s), std::optional<int>(0));
+    const std::string help = ReadText(Path("stdout.txt"));
+    EXPECT_EQ(help.rfind("Plays the modem at the other end of a pseudo-terminal", 0), 0u) << help;
+    EXPECT_NE(help.find("Usage: modem-sim [OPTIONS]"), std::string::npos) << help;
+    EXPECT_NE(help.find("--link PATH"), std::string::npos) << help;
+    EXPECT_NE(help.find("--fault NAME[=ARG]"), std::string::npos) << help;
     EXPECT_EQ(ReadText(Path("stderr.txt")), "");
 }
 
 TEST_F(ModemSimProcessTest, BadArgumentExitsTwoWithTheReason) {
-    ASSERT_TRUE(m_modem.Start(kModemSim, Arguments({"--fault", "explode"}), Path("stdout.txt"),
-                              Path("stderr.txt")));
-    EXPECT_EQ(m_modem.WaitForExit(10s), std::optional<int>(2));
+    ASSERT_TRUE(StartProgram(Arguments({"--fault", "explode"})));
+    EXPECT_EQ(ExitCode(10s), std::optional<int>(2));
     EXPECT_EQ(ReadText(Path("stderr.txt")),
               "modem-sim: fault \"explode\": unknown fault\nTry 'modem-sim --help'.\n");
     EXPECT_FALSE(std::filesystem::exists(Path("ttyModem")));
@@ -161,8 +187,8 @@ TEST_F(ModemSimProcessTest, BadArgumentExitsTwoWithTheReason) {
 
 TEST_F(ModemSimProcessTest, EmptyLoaderIsRefusedAtStart) {
     WriteBytes(Path("loader.bin"), {});
-    ASSERT_TRUE(m_modem.Start(kModemSim, Arguments({}), Path("stdout.txt"), Path("stderr.txt")));
-    EXPECT_EQ(m_modem.WaitForExit(10s), std::optional<int>(1));
+    ASSERT_TRUE(StartProgram(Arguments({})));
+    EXPECT_EQ(ExitCode(10s), std::optional<int>(1));
     EXPECT_EQ(ReadText(Path("stderr.txt")),
               "modem-sim: reading the loader " + Path("loader.bin") +
                   ": it is empty, and the boot code needs at least one byte\n");
@@ -287,11 +313,9 @@ bool SyncAttempt(CHostLine& line, const std::function<void(char)>& setPin) {
 }
 
 TEST_F(ModemSimProcessTest, DefaultTimingsAnswerTheLoadersFirstAttempt) {
-    ASSERT_TRUE(m_modem.Start(kModemSim,
-                              {"--link", Path("ttyModem"), "--control", Path("control"), "--ready",
-                               Path("ready"), "--loader", Path("loader.bin"), "--flash-out",
-                               Path("flash.bin"), "--summary", Path("summary.json")},
-                              Path("stdout.txt"), Path("stderr.txt")));
+    ASSERT_TRUE(StartProgram({"--link", Path("ttyModem"), "--control", Path("control"), "--ready",
+                              Path("ready"), "--loader", Path("loader.bin"), "--flash-out",
+                              Path("flash.bin"), "--summary", Path("summary.json")}));
     ASSERT_TRUE(Await([&] { return std::filesystem::is_symlink(Path("ttyModem")); }, 10s));
     ASSERT_TRUE(m_line.Open(Path("ttyModem")));
     EXPECT_TRUE(SyncAttempt(m_line, [&](char level) { SetPin(level); }));

@@ -5,6 +5,7 @@
 #include <regex>
 
 #include "ConsoleLog.h"
+#include "InstalledBackend.h"
 
 namespace {
 
@@ -67,12 +68,11 @@ TEST(ConsoleLogTest, ReceivesTheFeaturesRecordsOnceInstalled) {
     ASSERT_NE(stream, nullptr);
     {
         CConsoleLog log(stream, false);
-        logging::internals::ILog* previous = logging::IControl::SetLog(&log);
+        CInstalledLog installed(&log);
         logging::internals::CLogHandle(logging::categories::Error, logging::ModemLoader, "OnEvent",
                                        "ModemLoader", 1)
             << "("
             << "Unexpected event: " << 5 << ")\n";
-        logging::IControl::SetLog(previous);
     }
     std::rewind(stream);
     char buffer[256] = {};

@@ -5,6 +5,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "InstalledBackend.h"
 #include "LinuxCmdHandler.h"
 #include "TemporaryDirectory.h"
 
@@ -59,9 +60,11 @@ TEST(LinuxCmdHandlerTest, ANullLineFails) {
 
 TEST(LinuxCmdHandlerTest, ServesTheStaticCommandHandlerOnceInstalled) {
     CLinuxCmdHandler handler;
-    ICmdHandlerBackend* previous = ICmdHandler::SetBackend(&handler);
-    const int status = ICmdHandler::SystemCmd(reinterpret_cast<const unsigned char*>("exit 7"));
-    ICmdHandler::SetBackend(previous);
+    int status = 0;
+    {
+        CInstalledCmdHandler installed(&handler);
+        status = ICmdHandler::SystemCmd(reinterpret_cast<const unsigned char*>("exit 7"));
+    }
     EXPECT_EQ(status, 7);
 }
 

@@ -11,6 +11,7 @@
 #include <chrono>
 #include <thread>
 
+#include "InstalledBackend.h"
 #include "LinuxSerialPort.h"
 #include "LinuxSerialPortFactory.h"
 #include "Prerequisite.h"
@@ -221,9 +222,11 @@ TEST(LinuxSerialPortFactoryTest, ReportsWhyAPortCouldNotBeMadeAndYieldsNull) {
     std::vector<std::string> errors;
     CLinuxSerialPortFactory factory(10ms,
                                     [&](const std::string& message) { errors.push_back(message); });
-    ISerialPortFactory* previous = ISerialPortFactory::SetFactory(&factory);
-    ISerialPort* port = ISerialPort::Create("/dev/nonexistent-tty", 115200, 0);
-    ISerialPortFactory::SetFactory(previous);
+    ISerialPort* port = nullptr;
+    {
+        CInstalledSerialPorts installed(&factory);
+        port = ISerialPort::Create("/dev/nonexistent-tty", 115200, 0);
+    }
     EXPECT_EQ(port, nullptr);
     EXPECT_EQ(errors, std::vector<std::string>{
                           "serial port /dev/nonexistent-tty: open: No such file or directory"});
@@ -231,9 +234,11 @@ TEST(LinuxSerialPortFactoryTest, ReportsWhyAPortCouldNotBeMadeAndYieldsNull) {
 
 TEST_F(LinuxSerialPortTest, TheFactoryMakesAWorkingPortForTheStaticCreate) {
     CLinuxSerialPortFactory factory;
-    ISerialPortFactory* previous = ISerialPortFactory::SetFactory(&factory);
-    std::unique_ptr<ISerialPort> port(ISerialPort::Create(m_device, 115200, 0));
-    ISerialPortFactory::SetFactory(previous);
+    std::unique_ptr<ISerialPort> port;
+    {
+        CInstalledSerialPorts installed(&factory);
+        port.reset(ISerialPort::Create(m_device, 115200, 0));
+    }
     ASSERT_TRUE(port);
     uint32_t written = 0;
     EXPECT_EQ(port->Write(reinterpret_cast<const unsigned char*>("\x30\x41"), 2, written), 0);

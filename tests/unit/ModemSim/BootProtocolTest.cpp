@@ -275,7 +275,7 @@ TEST_F(BootProtocolTest, RandomTrafficOnlyEverGetsProtocolBytesBack) {
     for (const auto& faultTexts : faultSets) {
         TModemFaults faults;
         for (const char* faultText : faultTexts) {
-            ASSERT_TRUE(AddFault(faults, faultText).Ok());
+            ASSERT_TRUE(AddFault(faults, faultText).IsOk());
         }
         auto modem = Make(faults);
         for (int round = 0; round < 20000; ++round) {
@@ -381,7 +381,7 @@ TEST_P(BootProtocolFaultTest, UpdateStopsWhereTheFaultBites) {
     const TFaultCase& fault = GetParam();
     TModemFaults faults;
     for (const char* faultText : fault.faults) {
-        ASSERT_TRUE(AddFault(faults, faultText).Ok()) << faultText;
+        ASSERT_TRUE(AddFault(faults, faultText).IsOk()) << faultText;
     }
     auto modem = Make(faults);
     const TBytes firmware = Firmware(64000);

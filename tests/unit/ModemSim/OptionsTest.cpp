@@ -24,7 +24,7 @@ std::vector<std::string> With(std::vector<std::string> extra) {
 
 TEST(OptionsTest, DefaultsFitInsideTheLoadersFirstAttempt) {
     TOptions options;
-    ASSERT_TRUE(ParseOptions(kRequired, options).Ok());
+    ASSERT_TRUE(ParseOptions(kRequired, options).IsOk());
     EXPECT_EQ(options.link, "/tmp/l");
     EXPECT_EQ(options.control, "/tmp/c");
     EXPECT_EQ(options.ready, "/tmp/r");
@@ -48,7 +48,7 @@ TEST(OptionsTest, EverythingGiven) {
                                    "--fault", "nak=09", "--fault", "drop-bytes=4", "--trace",
                                    "/tmp/t", "--summary", "/tmp/s"}),
                              options)
-                    .Ok());
+                    .IsOk());
     EXPECT_EQ(options.baud, 115200u);
     EXPECT_TRUE(options.initiallyOn);
     EXPECT_EQ(options.powerOn, 7ms);
@@ -63,7 +63,7 @@ TEST(OptionsTest, EverythingGiven) {
 
 TEST(OptionsTest, HelpWinsOverEverythingElse) {
     TOptions options;
-    ASSERT_TRUE(ParseOptions({"--bogus", "--help"}, options).Ok());
+    ASSERT_TRUE(ParseOptions({"--bogus", "--help"}, options).IsOk());
     EXPECT_TRUE(options.help);
     EXPECT_NE(UsageText().find("--fault NAME[=ARG]"), std::string::npos);
 }
@@ -80,8 +80,8 @@ class OptionsErrorTest : public ::testing::TestWithParam<TBadArguments> {};
 
 TEST_P(OptionsErrorTest, ClearMessage) {
     TOptions options;
-    const TStatus status = ParseOptions(GetParam().arguments, options);
-    EXPECT_EQ(status.error, GetParam().error);
+    const CStatus status = ParseOptions(GetParam().arguments, options);
+    EXPECT_EQ(status.Message(), GetParam().error);
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -124,7 +124,7 @@ TEST(ModemFaultsTest, EachNameSetsItsField) {
     for (const char* faultText :
          {"no-sync", "sync-after=3", "loader-status=2", "loader-silent", "nak=0x1f",
           "erase-never-done", "write-status=X", "write-silent", "drop-bytes=25600"}) {
-        ASSERT_TRUE(AddFault(faults, faultText).Ok()) << faultText;
+        ASSERT_TRUE(AddFault(faults, faultText).IsOk()) << faultText;
     }
     EXPECT_TRUE(faults.noSync);
     EXPECT_EQ(faults.syncAfter, 3u);

@@ -9,6 +9,7 @@
 #include <fstream>
 #include <iterator>
 
+#include "ChildProcess.h"
 #include "ControlPin.h"
 #include "FlashFile.h"
 #include "ReadyLine.h"
@@ -42,21 +43,21 @@ protected:
 TEST_F(FileDevicesTest, FlashFileHoldsWhatTheLastWriteProgrammed) {
     WriteText(Path("flash.bin"), "stale");
     CFlashFile flash;
-    ASSERT_TRUE(flash.Open(Path("flash.bin")).Ok());
+    ASSERT_TRUE(flash.Open(Path("flash.bin")).IsOk());
     EXPECT_EQ(ReadText(Path("flash.bin")), "");
 
     const uint8_t first[] = {'a', 'b', 'c', 'd'};
     flash.BeginProgramming(0x90000000, 4);
     flash.Program(first, 4);
     EXPECT_EQ(ReadText(Path("flash.bin")), "") << "buffered until Flush";
-    ASSERT_TRUE(flash.Flush().Ok());
+    ASSERT_TRUE(flash.Flush().IsOk());
     EXPECT_EQ(ReadText(Path("flash.bin")), "abcd");
 
     const uint8_t second[] = {'a', 'b', 'c'};
     flash.BeginProgramming(0x90000000, 3);
     flash.Program(second, 1);
     flash.Program(second + 1, 2);
-    ASSERT_TRUE(flash.Flush().Ok());
+    ASSERT_TRUE(flash.Flush().IsOk());
     EXPECT_EQ(ReadText(Path("flash.bin")), "abc");
     EXPECT_EQ(flash.Sha256(), "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
 }
@@ -64,15 +65,15 @@ TEST_F(FileDevicesTest, FlashFileHoldsWhatTheLastWriteProgrammed) {
 TEST_F(FileDevicesTest, FlashFileInAMissingDirectoryNamesThePath) {
     CFlashFile flash;
     EXPECT_EQ(
-        flash.Open(Path("missing/flash.bin")).error,
+        flash.Open(Path("missing/flash.bin")).Message(),
         "opening the flash file " + Path("missing/flash.bin") + ": No such file or directory");
 }
 
 TEST_F(FileDevicesTest, ReadyLineIsReplacedWholeAndLeavesNothingAside) {
     CReadyLine ready;
-    ASSERT_TRUE(ready.Open(Path("ready"), false).Ok());
+    ASSERT_TRUE(ready.Open(Path("ready"), false).IsOk());
     EXPECT_EQ(ReadText(Path("ready")), "0\n");
-    ASSERT_TRUE(ready.Set(true).Ok());
+    ASSERT_TRUE(ready.Set(true).IsOk());
     EXPECT_EQ(ReadText(Path("ready")), "1\n");
     EXPECT_FALSE(std::filesystem::exists(Path("ready.writing")));
 }
@@ -84,11 +85,12 @@ bool AwaitNotification(const CControlPin& pin) {
 
 TEST_F(FileDevicesTest, ControlPinIsCreatedReleasedAndFollowsTheShell) {
     CControlPin pin;
-    ASSERT_TRUE(pin.Open(Path("control")).Ok());
+    ASSERT_TRUE(pin.Open(Path("control")).IsOk());
     EXPECT_EQ(ReadText(Path("control")), "1\n");
     EXPECT_EQ(pin.Level(), '1');
 
-    ASSERT_EQ(std::system(("echo 0 > " + Path("control")).c_str()), 0);
+    const TChildResult shell = CChildProcess::Run({"/bin/sh", "-c", "echo 0 > " + Path("control")});
+    ASSERT_EQ(shell.exitCode, 0) << Describe(shell);
     ASSERT_TRUE(AwaitNotification(pin));
     EXPECT_EQ(pin.Changed(), std::optional<char>('0'));
     EXPECT_EQ(pin.Level(), '0');
@@ -106,7 +108,7 @@ TEST_F(FileDevicesTest, ControlPinIsCreatedReleasedAndFollowsTheShell) {
 TEST_F(FileDevicesTest, ControlPinKeepsTheLevelItFindsAtStart) {
     WriteText(Path("control"), "0\n");
     CControlPin pin;
-    ASSERT_TRUE(pin.Open(Path("control")).Ok());
+    ASSERT_TRUE(pin.Open(Path("control")).IsOk());
     EXPECT_EQ(pin.Level(), '0');
     EXPECT_EQ(ReadText(Path("control")), "0\n");
 }
@@ -115,14 +117,14 @@ TEST_F(FileDevicesTest, LinkReplacesAStaleLinkRefusesAFileAndGoesWithItsOwner) {
     ASSERT_EQ(::symlink("/nonexistent", Path("tty").c_str()), 0);
     {
         CSymbolicLink link;
-        ASSERT_TRUE(link.Create("/dev/null", Path("tty")).Ok());
+        ASSERT_TRUE(link.Create("/dev/null", Path("tty")).IsOk());
         EXPECT_EQ(std::filesystem::read_symlink(Path("tty")), "/dev/null");
     }
     EXPECT_FALSE(std::filesystem::is_symlink(Path("tty")));
 
     WriteText(Path("plain"), "x");
     CSymbolicLink refused;
-    EXPECT_EQ(refused.Create("/dev/null", Path("plain")).error,
+    EXPECT_EQ(refused.Create("/dev/null", Path("plain")).Message(),
               "making the link " + Path("plain") + ": a file that is no link is there");
     EXPECT_EQ(ReadText(Path("plain")), "x");
 }
@@ -131,7 +133,7 @@ TEST_F(FileDevicesTest, TraceLinesCarryMillisecondsDirectionAndHex) {
     const CWireTrace::TTime start = CWireTrace::TTime{} + 100s;
     {
         CWireTrace trace(start);
-        ASSERT_TRUE(trace.Open(Path("trace.txt")).Ok());
+        ASSERT_TRUE(trace.Open(Path("trace.txt")).IsOk());
         const uint8_t command[] = {0x07, 0x00, 0xc2, 0x01, 0x00};
         trace.HostToModem(command, sizeof command, start + 12345us);
         trace.ModemToHost(command, 1, start + 2s);
@@ -169,7 +171,7 @@ TEST_F(FileDevicesTest, SummaryIsWrittenAsJson) {
     statistics.loaderOk = true;
     statistics.commands = {"07 00 c2 01 00", "unknown ff"};
     statistics.bytesFlashed = 7;
-    ASSERT_TRUE(WriteSummary(Path("summary.json"), SummaryJson(statistics, 1, "00ff")).Ok());
+    ASSERT_TRUE(WriteSummary(Path("summary.json"), SummaryJson(statistics, 1, "00ff")).IsOk());
     EXPECT_EQ(nlohmann::json::parse(ReadText(Path("summary.json"))),
               (nlohmann::json{{"power_ups", 2},
                               {"power_offs", 1},
