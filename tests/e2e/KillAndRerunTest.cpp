@@ -496,12 +496,12 @@ protected:
         const CStatus reran = device->RunUpdate(TUpdateOptions(), rerun);
         checks.Check(static_cast<bool>(reran), "running the update again", reran.Message());
         CheckRerun(checks, *device, rerun);
-        checks.Check(CopiesComplete(*device, false),
-                     "after the rerun the four copies are complete");
+        checks.Check(CopiesComplete(*device, false), "after the rerun the four copies are complete",
+                     DescribeUpdate(rerun));
         std::string flagAfter;
         checks.Check(
             static_cast<bool>(device->ReadStorageFile(kFlagFile, flagAfter)) && flagAfter.empty(),
-            "after the rerun the flag file is there, empty");
+            "after the rerun the flag file is there, empty", DescribeUpdate(rerun));
         for (const std::string& source : SourcePaths(*device)) {
             checks.Check(FileExists(source), "after the rerun the source is kept: " + source);
         }
