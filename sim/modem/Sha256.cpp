@@ -2,37 +2,22 @@
 
 #include <array>
 
-CSha256::CSha256() : m_context(EVP_MD_CTX_new()) {
-    if (m_context && EVP_DigestInit_ex(m_context.get(), EVP_sha256(), nullptr) != 1) {
-        m_context.reset();
-    }
-}
+CSha256::CSha256() { sha256_init(&m_context); }
 
-void CSha256::Update(const uint8_t* data, size_t count) {
-    if (m_context && EVP_DigestUpdate(m_context.get(), data, count) != 1) {
-        m_context.reset();
-    }
-}
+void CSha256::Update(const uint8_t* data, size_t count) { sha256_update(&m_context, count, data); }
 
 std::string CSha256::HexDigest() const {
-    if (!m_context) {
-        return std::string();
-    }
-    // Finishing a digest ends its context; a copy is finished instead, so that more data can
+    // Finishing a digest resets its state; a copy is finished instead, so that more data can
     // follow a summary written mid-way.
-    std::unique_ptr<EVP_MD_CTX, TContextFree> copy(EVP_MD_CTX_new());
-    std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
-    unsigned int length = 0;
-    if (!copy || EVP_MD_CTX_copy_ex(copy.get(), m_context.get()) != 1 ||
-        EVP_DigestFinal_ex(copy.get(), digest.data(), &length) != 1) {
-        return std::string();
-    }
+    sha256_ctx copy = m_context;
+    std::array<uint8_t, SHA256_DIGEST_SIZE> digest{};
+    sha256_digest(&copy, digest.size(), digest.data());
     static constexpr char kHexDigits[] = "0123456789abcdef";
     std::string hex;
-    hex.reserve(2 * length);
-    for (unsigned int index = 0; index < length; ++index) {
-        hex.push_back(kHexDigits[digest[index] >> 4]);
-        hex.push_back(kHexDigits[digest[index] & 0x0f]);
+    hex.reserve(2 * digest.size());
+    for (const uint8_t byte : digest) {
+        hex.push_back(kHexDigits[byte >> 4]);
+        hex.push_back(kHexDigits[byte & 0x0f]);
     }
     return hex;
 }
