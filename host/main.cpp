@@ -3,6 +3,7 @@
 
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -20,6 +21,7 @@
 #include "LinuxFileHandler.h"
 #include "LinuxSerialPortFactory.h"
 #include "PluginLibrary.h"
+#include "ProcessThreads.h"
 #include "ProgressDisplay.h"
 #include "Trace.h"
 #include "TracingCmdHandler.h"
@@ -31,6 +33,9 @@
 namespace {
 constexpr char kProgram[] = "modemloader-host";
 constexpr char kExpectedFeatureType[] = "modemloader";
+// Longer than the longest a power worker runs on after its attempt was given up: the rest of
+// its acknowledge wait (1.3 s), 1 s, and a switch-off pulse of 6 s and 1 s.
+constexpr std::chrono::milliseconds kFeatureThreadsGrace(15000);
 
 int HostError(const std::string& message) {
     std::fprintf(stderr, "%s: %s\n", kProgram, message.c_str());
@@ -147,6 +152,9 @@ int Update(const THostOptions& options) {
         return HostError(status.Message());
     }
 
+    // The host's own threads, before the broker's and the feature's: whatever runs beyond them
+    // once the broker is stopped belongs to the feature.
+    const std::size_t hostThreads = CProcessThreads::Count();
     CEventBroker broker(std::chrono::milliseconds(config.tickMs), &ReportError);
     if (CStatus status = broker.Start(); !status) {
         return HostError(status.Message());
@@ -188,6 +196,13 @@ int Update(const THostOptions& options) {
         std::_Exit(result);
     }
     broker.Stop();
+    // A feature's threads work on the module object (the modem loader's power worker of a
+    // given-up attempt still switches the modem off), so it is deleted once they have ended.
+    if (!CProcessThreads::AwaitAtMost(hostThreads, kFeatureThreadsGrace)) {
+        ReportError("the feature's threads still run after " +
+                    std::to_string(kFeatureThreadsGrace.count()) +
+                    " ms; deleting the module regardless");
+    }
     module.reset();
 
     progress.Finish(summary);

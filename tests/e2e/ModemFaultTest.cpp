@@ -73,6 +73,8 @@ struct TFaultCase {
 
 void PrintTo(const TFaultCase& fault, std::ostream* stream) { *stream << fault.name; }
 
+// The host deletes the module only after the last attempt's worker has ended, so that attempt
+// too is seen to its end: the pin released and the modem switched off again.
 std::vector<std::string> FiveUnansweredPowerUps() {
     const std::vector<std::string> attempt{"cmd echo 0 > control = 0",
                                            "cmd echo 1 > control = 0",
@@ -80,7 +82,7 @@ std::vector<std::string> FiveUnansweredPowerUps() {
                                            "cmd echo 0 > control = 0",
                                            "cmd echo 1 > control = 0",
                                            "Always Work: Finished ACK thread"};
-    return expected::Join({attempt, attempt, attempt, attempt, {"cmd echo 0 > control = 0"}});
+    return expected::Join({attempt, attempt, attempt, attempt, attempt});
 }
 
 std::vector<TFaultCase> FaultCases() {
@@ -96,11 +98,9 @@ std::vector<TFaultCase> FaultCases() {
                      1,
                      expected::Join({Start(), kFailed}),
                      FiveUnansweredPowerUps(),
-                     {"cmd echo 1 > control = 0", "Always Prepare: Modem was switched on",
-                      "cmd echo 0 > control = 0", "cmd echo 1 > control = 0",
-                      "Always Work: Finished ACK thread"},
+                     {},
                      {{"power_ups", 5},
-                      {"power_offs", 4},
+                      {"power_offs", 5},
                       {"sync_attempts", 5},
                       {"sync_echoes", 0},
                       {"loader_bytes", 0},
