@@ -28,12 +28,6 @@ constexpr char kSyncByte = 0x16;
 constexpr double kHostGraceSeconds = 30;
 constexpr auto kLoopDetachTimeout = std::chrono::seconds(5);
 
-bool InPath(const std::string& program) {
-    TChildOptions options;
-    options.timeout = std::chrono::seconds(10);
-    return CChildProcess::Run({"sh", "-c", "command -v " + program}, options).exitCode == 0;
-}
-
 TChildResult RunTool(const std::vector<std::string>& arguments) {
     TChildOptions options;
     options.timeout = std::chrono::seconds(60);
@@ -79,11 +73,11 @@ std::string CSimulatedDevice::MissingPrerequisite(const TDevicePrograms& program
         return "no /dev/ptmx: the modem's serial line needs a pseudo-terminal";
     }
     for (const char* program : {"mkfs.ext4", "debugfs"}) {
-        if (!InPath(program)) {
+        if (!IsInPath(program)) {
             return std::string(program) + " is not installed (e2fsprogs)";
         }
     }
-    if (!programs.hostLauncher.empty() && !InPath(programs.hostLauncher.front())) {
+    if (!programs.hostLauncher.empty() && !IsInPath(programs.hostLauncher.front())) {
         return programs.hostLauncher.front() + " is not installed, and the host needs it";
     }
     for (const std::string& path : {programs.host, programs.plugin, programs.modemSim,

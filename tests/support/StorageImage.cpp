@@ -15,12 +15,6 @@
 #include "ChildProcess.h"
 #include "MountTable.h"
 
-namespace {
-bool InPath(const std::string& program) {
-    return RunProgram({"sh", "-c", "command -v " + program}) == 0;
-}
-}  // namespace
-
 int RunProgram(const std::vector<std::string>& arguments, std::string* output) {
     TChildOptions options;
     options.timeout = std::chrono::minutes(2);
@@ -39,7 +33,7 @@ std::string CStorageImage::MissingPrerequisite() {
         return "no /dev/loop-control: loop devices are not available";
     }
     for (const char* program : {"mkfs.ext4", "tune2fs", "debugfs"}) {
-        if (!InPath(program)) {
+        if (!IsInPath(program)) {
             return std::string(program) + " is not installed (e2fsprogs)";
         }
     }

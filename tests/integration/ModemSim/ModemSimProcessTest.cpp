@@ -20,6 +20,7 @@
 #include "Sha256.h"
 #include "TemporaryDirectory.h"
 #include "UniqueFd.h"
+#include "WireCommands.h"
 
 namespace {
 
@@ -59,18 +60,6 @@ TBytes Pattern(size_t size, unsigned seed) {
         byte = static_cast<uint8_t>(state >> 16);
     }
     return bytes;
-}
-
-TBytes Range(uint8_t command, uint32_t length) {
-    return {command,
-            0x00,
-            0x00,
-            0x00,
-            0x90,
-            static_cast<uint8_t>(length),
-            static_cast<uint8_t>(length >> 8),
-            static_cast<uint8_t>(length >> 16),
-            static_cast<uint8_t>(length >> 24)};
 }
 
 class ModemSimProcessTest : public ::testing::Test {
@@ -216,11 +205,11 @@ TEST_F(ModemSimProcessTest, WholeUpdateLeavesTheFirmwareInTheFlashAndTheSummary)
     EXPECT_EQ(Exchange(m_loader, 1), TBytes{'0'});
     EXPECT_EQ(Exchange({0x07, 0x00, 0xc2, 0x01, 0x00}, 1), TBytes{0x07});
     EXPECT_EQ(Exchange({0x05, 0x00}, 1), TBytes{0x05});
-    EXPECT_EQ(Exchange(Range(0x04, 0), 1), TBytes{0x04});
+    EXPECT_EQ(Exchange(RangeCommand(0x04, 0), 1), TBytes{0x04});
     EXPECT_EQ(Exchange({0x02}, 1), TBytes{0x02});
-    EXPECT_EQ(Exchange(Range(0x09, size), 1), TBytes{0x09});
+    EXPECT_EQ(Exchange(RangeCommand(0x09, size), 1), TBytes{0x09});
     EXPECT_EQ(Exchange({0x03}, 2), (TBytes{0x03, '0'}));
-    EXPECT_EQ(Exchange(Range(0x04, size), 1), TBytes{0x04});
+    EXPECT_EQ(Exchange(RangeCommand(0x04, size), 1), TBytes{0x04});
     EXPECT_EQ(Exchange({0x01}, 1), TBytes{0x01});
     EXPECT_EQ(Exchange(TBytes(firmware.begin(), firmware.begin() + 25600), 1), TBytes{'.'});
     EXPECT_EQ(Exchange(TBytes(firmware.begin() + 25600, firmware.begin() + 51200), 1), TBytes{'.'});
