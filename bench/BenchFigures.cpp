@@ -9,6 +9,7 @@
 #include "Footprint.h"
 #include "ProgressPlot.h"
 #include "SimulatedDevice.h"
+#include "TemporaryDirectory.h"
 #include "UpdateBenchmark.h"
 
 namespace {
@@ -252,8 +253,8 @@ CStatus CBenchFigures::ArchiveCopy() {
 }
 
 CStatus CBenchFigures::Footprint() {
-    CScratchDirectory scratch;
-    if (CStatus status = scratch.Make("/tmp/modemloader-footprint-"); !status) {
+    CTemporaryDirectory scratch("/tmp/modemloader-footprint-");
+    if (CStatus status = scratch.Made(); !status) {
         return status.WithContext("footprint");
     }
     const std::string plugin = CSimulatedDevice::BuiltPrograms().plugin;
@@ -292,8 +293,8 @@ CStatus CBenchFigures::Footprint() {
 }
 
 CStatus CBenchFigures::TargetFootprint(std::size_t nativeStrippedBytes) {
-    CScratchDirectory scratch;
-    if (CStatus status = scratch.Make("/tmp/modemloader-footprint-"); !status) {
+    CTemporaryDirectory scratch("/tmp/modemloader-footprint-");
+    if (CStatus status = scratch.Made(); !status) {
         return status.WithContext("armhf footprint");
     }
     CSamples stripped;

@@ -13,13 +13,12 @@
 #include <string>
 
 #include "BenchFigures.h"
-#include "ParseArguments.h"
+#include "DeviceProgram.h"
 #include "SimulatedDevice.h"
 
 namespace {
 constexpr char kProgram[] = "modemloader-bench";
-constexpr int kExitFailed = 1;
-constexpr int kExitUsage = 2;
+constexpr int kExitFailed = kDeviceProgramFailed;
 
 constexpr char kResultsFile[] = "results.md";
 
@@ -123,20 +122,9 @@ std::string Now() {
 
 int main(int argc, char** argv) {
     TBenchOptions options;
-    std::string error;
-    std::string help;
-    if (!ParseOptions(argc, argv, options, error, help)) {
-        std::fprintf(stderr, "%s: %s (see %s --help)\n", kProgram, error.c_str(), kProgram);
-        return kExitUsage;
-    }
-    if (options.help) {
-        std::fputs(help.c_str(), stdout);
-        return 0;
-    }
-    const std::string missing = CSimulatedDevice::MissingPrerequisite();
-    if (!missing.empty()) {
-        std::fprintf(stderr, "%s: cannot make a device here: %s\n", kProgram, missing.c_str());
-        return kExitFailed;
+    if (const std::optional<int> exit =
+            StartDeviceProgram(kProgram, argc, argv, ParseOptions, options)) {
+        return *exit;
     }
 
     const auto started = std::chrono::steady_clock::now();

@@ -6,7 +6,6 @@
 #include <cerrno>
 #include <chrono>
 
-#include "ChildProcess.h"
 #include "PseudoRandomBytes.h"
 
 namespace {
@@ -26,19 +25,17 @@ double SecondsSince(std::chrono::steady_clock::time_point start) {
 }  // namespace
 
 CCopyBenchmark::~CCopyBenchmark() {
-    // Unmounts (and so detaches the loop device) before the directory goes.
+    // Unmounts (and so lets the loop device go) before the storage and its directory go.
     m_fileHandler.reset();
 }
 
 CStatus CCopyBenchmark::Prepare(std::size_t fileCount, std::size_t fileBytes) {
-    if (CStatus status = m_directory.Make("/tmp/modemloader-copy-bench-"); !status) {
+    if (CStatus status = m_directory.Made(); !status) {
         return status;
     }
     m_fileBytes = fileBytes;
-    m_mountPoint = m_directory.Join("mnt");
-    m_targetFolder = m_mountPoint + "/update";
-    if (::mkdir(m_directory.Join("sources").c_str(), 0755) != 0 ||
-        ::mkdir(m_mountPoint.c_str(), 0755) != 0) {
+    m_targetFolder = m_storage.MountPoint() + "/update";
+    if (::mkdir(m_directory.Join("sources").c_str(), 0755) != 0) {
         return CStatus::Failure("making the folders under " + m_directory.Path());
     }
     for (std::size_t index = 0; index < fileCount; ++index) {
@@ -49,20 +46,14 @@ CStatus CCopyBenchmark::Prepare(std::size_t fileCount, std::size_t fileBytes) {
         }
         m_sources.push_back(m_directory.Join(name));
     }
-    const std::string image = m_directory.Join("storage.img");
-    const std::size_t imageBytes = fileCount * fileBytes + kImageMarginBytes;
-    TChildOptions options;
-    options.timeout = std::chrono::seconds(120);
-    const TChildResult made =
-        CChildProcess::Run({"mkfs.ext4", "-q", "-F", "-E", "lazy_itable_init=0,lazy_journal_init=0",
-                            image, std::to_string(imageBytes / 1024) + "k"},
-                           options);
-    if (made.exitCode != 0) {
-        return CStatus::Failure("mkfs.ext4 " + image + ": " + Describe(made));
+    if (CStatus status = m_storage.Make(fileCount * fileBytes + kImageMarginBytes); !status) {
+        return status;
     }
     m_fileHandler = std::make_unique<CLinuxFileHandler>(std::map<int, std::string>{{2, "ext4"}});
-    if (m_fileHandler->Mount(Bytes(image), Bytes(m_mountPoint), kStorageFormat) != 0) {
-        return CStatus::Failure("mounting " + image + ": " + m_fileHandler->LastError());
+    if (m_fileHandler->Mount(Bytes(m_storage.Image()), Bytes(m_storage.MountPoint()),
+                             kStorageFormat) != 0) {
+        return CStatus::Failure("mounting " + m_storage.Image() + ": " +
+                                m_fileHandler->LastError());
     }
     if (m_fileHandler->MakeFolder(Bytes(m_targetFolder)) != 0) {
         return CStatus::Failure("making " + m_targetFolder + ": " + m_fileHandler->LastError());

@@ -13,8 +13,9 @@
 #include <vector>
 
 #include "LinuxFileHandler.h"
-#include "ScratchDirectory.h"
 #include "Status.h"
+#include "StorageImage.h"
+#include "TemporaryDirectory.h"
 
 class CCopyBenchmark {
 public:
@@ -41,10 +42,10 @@ private:
     CStatus CheckCopies() const;
     std::string DestinationOf(const std::string& source) const;
 
-    CScratchDirectory m_directory;
+    CTemporaryDirectory m_directory{"/tmp/modemloader-copy-bench-"};
+    CStorageImage m_storage{m_directory.Path()};
     std::unique_ptr<CLinuxFileHandler> m_fileHandler;
     std::vector<std::string> m_sources;
     std::size_t m_fileBytes = 0;
-    std::string m_mountPoint;
     std::string m_targetFolder;
 };

@@ -1,11 +1,11 @@
 #include "Footprint.h"
 
-#include <stdlib.h>
 #include <sys/stat.h>
 
 #include <sstream>
 
 #include "ChildProcess.h"
+#include "MountTable.h"
 
 namespace {
 CStatus FileBytes(const std::string& path, std::size_t& bytes) {
@@ -15,16 +15,6 @@ CStatus FileBytes(const std::string& path, std::size_t& bytes) {
     }
     bytes = static_cast<std::size_t>(status.st_size);
     return CStatus::Ok();
-}
-
-std::string Resolved(const std::string& path) {
-    char* resolved = ::realpath(path.c_str(), nullptr);
-    if (resolved == nullptr) {
-        return path;
-    }
-    std::string result = resolved;
-    ::free(resolved);
-    return result;
 }
 }  // namespace
 
@@ -80,7 +70,7 @@ CStatus CFootprintMeasure::Measure(const std::string& plugin, const std::string&
         }
         TDependency dependency;
         dependency.name = name.substr(name.rfind('/') + 1);
-        dependency.path = Resolved(path);
+        dependency.path = ResolvedPath(path);
         if (CStatus status = FileBytes(dependency.path, dependency.bytes); !status) {
             return status.WithContext("dependency " + name);
         }

@@ -7,7 +7,7 @@
 #include <thread>
 
 #include "Prerequisite.h"
-#include "ScratchDirectory.h"
+#include "TemporaryDirectory.h"
 
 const std::string kWrittenRevision("124\0", 4);
 
@@ -116,12 +116,8 @@ void EndToEndTest::ExpectStorageReleased() const {
     EXPECT_FALSE(m_device->IsStorageMounted()) << m_device->MountPoint();
     // The host's loop devices clear themselves once unmounted and closed; the kernel may take a
     // moment after the host has gone.
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-    while (!m_device->AttachedLoopDevices().empty() &&
-           std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    EXPECT_EQ(m_device->AttachedLoopDevices(), std::vector<std::string>());
+    EXPECT_TRUE(m_device->Storage().AwaitNoLoopDevice())
+        << "still attached: " << testing::PrintToString(m_device->AttachedLoopDevices());
 }
 
 std::string EndToEndTest::StorageFile(const std::string& relativePath) const {

@@ -35,6 +35,7 @@
 #include <thread>
 #include <vector>
 
+#include "Await.h"
 #include "ChildProcess.h"
 #include "ModemProcess.h"
 #include "Prerequisite.h"
@@ -45,12 +46,11 @@ constexpr int kKillPoints = 20;
 constexpr uint64_t kPointSeed = 0x6b696c6c;  // the points are the same on every run of the test
 constexpr char kNewRevision[] = "124";
 constexpr char kOldRevision[] = "100";
-constexpr char kRevisionFile[] = "revision";
-constexpr char kFlagFile[] = "update.flag";
-constexpr char kTargetFolder[] = "update";
+using device::kFlagFile;
+using device::kRevisionFile;
+using device::kTargetFolder;
 constexpr auto kTracePollInterval = std::chrono::milliseconds(1);
 constexpr auto kHostRunLimit = std::chrono::seconds(60);
-constexpr auto kLoopDetachTimeout = std::chrono::seconds(5);
 // The feature reports 45 % once the modem acknowledged the write command: from then on the
 // modem's loader takes firmware data.
 constexpr char kWriteStarted[] = "\"percent\":45";
@@ -145,25 +145,24 @@ testing::AssertionResult RunAndKill(CSimulatedDevice& device, const TKillPoint& 
     }
 
     run = TKilledRun();
-    const auto deadline = std::chrono::steady_clock::now() + kHostRunLimit;
-    for (;;) {
-        if (const std::optional<TChildExit> exit = host.TryReap()) {
-            run.exitCode = exit->exitCode;
-            break;
+    std::optional<TChildExit> ended;
+    const bool reached = Await(
+        [&] {
+            ended = host.TryReap();
+            return ended.has_value() || Reached(device, point);
+        },
+        kHostRunLimit, kTracePollInterval);
+    if (ended) {
+        run.exitCode = ended->exitCode;
+    } else {
+        host.Signal(SIGKILL);
+        const TChildExit exit = host.WaitToEnd();
+        run.killed = exit.signal != 0;
+        run.exitCode = exit.exitCode;
+        if (!reached) {
+            return testing::AssertionFailure() << "the host did not reach " << point.Describe()
+                                               << " within " << kHostRunLimit.count() << " s";
         }
-        const bool reached = Reached(device, point);
-        if (reached || std::chrono::steady_clock::now() >= deadline) {
-            host.Signal(SIGKILL);
-            const TChildExit exit = host.WaitToEnd();
-            run.killed = exit.signal != 0;
-            run.exitCode = exit.exitCode;
-            if (!reached) {
-                return testing::AssertionFailure() << "the host did not reach " << point.Describe()
-                                                   << " within " << kHostRunLimit.count() << " s";
-            }
-            break;
-        }
-        std::this_thread::sleep_for(kTracePollInterval);
     }
     run.trace = WholeFile(device.TraceFile());
     return testing::AssertionSuccess();
@@ -255,17 +254,6 @@ private:
 bool Wrote(const nlohmann::json& summary) {
     const nlohmann::json commands = summary.value("commands", nlohmann::json::array());
     return std::find(commands.begin(), commands.end(), "01") != commands.end();
-}
-
-bool AwaitNoLoopDevice(const CSimulatedDevice& device) {
-    const auto deadline = std::chrono::steady_clock::now() + kLoopDetachTimeout;
-    while (!device.AttachedLoopDevices().empty()) {
-        if (std::chrono::steady_clock::now() >= deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(kTracePollInterval);
-    }
-    return true;
 }
 
 std::string DescribeUpdate(const TUpdateResult& result) {
@@ -363,7 +351,7 @@ protected:
                            const TUpdateResult& rerun) {
         checks.Check(rerun.exitCode == 0, "the rerun succeeds", DescribeUpdate(rerun));
         checks.Check(!device.IsStorageMounted(), "the rerun leaves the storage unmounted");
-        checks.Check(AwaitNoLoopDevice(device),
+        checks.Check(device.Storage().AwaitNoLoopDevice(),
                      "the rerun leaves no loop device attached to the storage");
     }
 
@@ -582,6 +570,6 @@ TEST_F(KillAndRerunTest, ModemLeftPoweredInItsLoaderIsSwitchedOffByTheRerun) {
     ASSERT_TRUE(device->ReadStorageFile(kRevisionFile, revision));
     EXPECT_EQ(revision, WrittenRevision());
     EXPECT_FALSE(device->IsStorageMounted());
-    EXPECT_TRUE(AwaitNoLoopDevice(*device));
+    EXPECT_TRUE(device->Storage().AwaitNoLoopDevice());
 }
 }  // namespace

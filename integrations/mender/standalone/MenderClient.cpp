@@ -66,7 +66,7 @@ CStatus CMenderClient::Create(const CSimulatedDevice& device, const TMenderSetup
 }
 
 CStatus CMenderClient::Build(const TMenderSetup& setup) {
-    if (CStatus status = m_directory.Make("/tmp/modemloader-mender-"); !status) {
+    if (CStatus status = m_directory.Made(); !status) {
         return status;
     }
     for (const char* folder : {"etc", "modules", "data"}) {

@@ -18,9 +18,9 @@
 #include <vector>
 
 #include "ChildProcess.h"
-#include "ScratchDirectory.h"
 #include "SimulatedDevice.h"
 #include "Status.h"
+#include "TemporaryDirectory.h"
 
 struct TMenderSetup {
     std::string deviceType = "modemloader-sim";
@@ -68,5 +68,5 @@ private:
     TChildResult RunClient(const std::vector<std::string>& arguments, bool showOutput) const;
 
     const CSimulatedDevice& m_device;
-    CScratchDirectory m_directory;
+    CTemporaryDirectory m_directory{"/tmp/modemloader-mender-"};
 };

@@ -23,6 +23,7 @@
 #include "RecordingLoaderCallback.h"
 #include "StorageImage.h"
 #include "TemporaryDirectory.h"
+#include "TestFiles.h"
 
 namespace {
 
@@ -76,7 +77,7 @@ protected:
                      {"daemon.conf", "[daemon]\nlevel=2\n"},
                      {"product.conf", "[product]\nvariant=gprs\n"}};
         for (const auto& [name, content] : m_sources) {
-            m_sourceFolder.WriteFile(name, content);
+            WriteTestFile(m_sourceFolder, name, content);
         }
         const std::string folder = m_sourceFolder.Path() + "/";
         const std::map<std::string, std::string> values = {
@@ -119,7 +120,7 @@ protected:
     void ExpectCopied(const CStorageImage& storage, const std::vector<std::string>& absent = {}) {
         for (const auto& [name, content] : m_sources) {
             std::string onImage;
-            const bool present = storage.ReadFromImage("update/" + name, onImage);
+            const bool present = storage.ReadFromImage("update/" + name, onImage).IsOk();
             if (std::find(absent.begin(), absent.end(), name) != absent.end()) {
                 EXPECT_FALSE(present) << name;
             } else {
@@ -143,7 +144,7 @@ protected:
 
 TEST_F(ArchiveLoaderStorageTest, CopiesTheFourFilesAndLeavesAnEmptyFlagFileBesideTheFolder) {
     CStorageImage storage(16 * kMiB);
-    ASSERT_EQ(storage.Error(), "");
+    ASSERT_TRUE(storage.Made()) << storage.Made().Message();
     PrepareUpdate(storage);
     Install();
 
@@ -163,7 +164,7 @@ TEST_F(ArchiveLoaderStorageTest, CopiesTheFourFilesAndLeavesAnEmptyFlagFileBesid
 
 TEST_F(ArchiveLoaderStorageTest, ExistingTargetFolderIsUsedAsItIs) {
     CStorageImage storage(16 * kMiB);
-    ASSERT_EQ(storage.Error(), "");
+    ASSERT_TRUE(storage.Made()) << storage.Made().Message();
     ASSERT_TRUE(storage.MakeFolderOnImage("update"));
     PrepareUpdate(storage);
     Install();
@@ -175,7 +176,7 @@ TEST_F(ArchiveLoaderStorageTest, ExistingTargetFolderIsUsedAsItIs) {
 
 TEST_F(ArchiveLoaderStorageTest, MissingSourceFailsItsCopyOnlyAndLeavesNoFlagFile) {
     CStorageImage storage(16 * kMiB);
-    ASSERT_EQ(storage.Error(), "");
+    ASSERT_TRUE(storage.Made()) << storage.Made().Message();
     PrepareUpdate(storage);
     ASSERT_EQ(unlink((m_sourceFolder.Path() + "/firmware.bin").c_str()), 0);
     Install();
@@ -196,7 +197,7 @@ TEST_F(ArchiveLoaderStorageTest, MissingSourceFailsItsCopyOnlyAndLeavesNoFlagFil
 TEST_F(ArchiveLoaderStorageTest, FullStorageFailsTheFirmwareCopyAndTheLaterCopiesStillLand) {
     // The firmware is larger than the whole storage; the files after it are small.
     CStorageImage storage(2 * kMiB);
-    ASSERT_EQ(storage.Error(), "");
+    ASSERT_TRUE(storage.Made()) << storage.Made().Message();
     PrepareUpdate(storage, 3 * kMiB);
     Install();
 
@@ -215,7 +216,7 @@ TEST_F(ArchiveLoaderStorageTest, FullStorageFailsTheFirmwareCopyAndTheLaterCopie
 
 TEST_F(ArchiveLoaderStorageTest, ReadOnlyStorageFailsEveryCopyAndIsStillUnmounted) {
     CStorageImage storage(16 * kMiB);
-    ASSERT_EQ(storage.Error(), "");
+    ASSERT_TRUE(storage.Made()) << storage.Made().Message();
     ASSERT_TRUE(storage.MakeReadOnlyFileSystem());
     PrepareUpdate(storage);
     Install();
@@ -235,7 +236,7 @@ TEST_F(ArchiveLoaderStorageTest, ReadOnlyStorageFailsEveryCopyAndIsStillUnmounte
 
 TEST_F(ArchiveLoaderStorageTest, StorageWithoutFileSystemIsNotMountedAndNoLoopDeviceRemains) {
     CStorageImage storage(4 * kMiB);
-    ASSERT_EQ(storage.Error(), "");
+    ASSERT_TRUE(storage.Made()) << storage.Made().Message();
     {
         std::ofstream garbage(storage.Image(), std::ios::binary | std::ios::trunc);
         garbage << RandomBytes(4 * kMiB, 9);
@@ -252,7 +253,7 @@ TEST_F(ArchiveLoaderStorageTest, StorageWithoutFileSystemIsNotMountedAndNoLoopDe
 
 TEST_F(ArchiveLoaderStorageTest, MissingStorageDeviceIsReportedByName) {
     CStorageImage storage(4 * kMiB);
-    ASSERT_EQ(storage.Error(), "");
+    ASSERT_TRUE(storage.Made()) << storage.Made().Message();
     PrepareUpdate(storage);
     const std::string absent = m_sourceFolder.Path() + "/no-movinand.img";
     m_properties.Set(kFeature, "movinand", absent);
@@ -267,7 +268,7 @@ TEST_F(ArchiveLoaderStorageTest, MissingStorageDeviceIsReportedByName) {
 
 TEST_F(ArchiveLoaderStorageTest, SlashlessSourceLeavesTheStorageMountedUntilTheHandlerGoes) {
     CStorageImage storage(16 * kMiB);
-    ASSERT_EQ(storage.Error(), "");
+    ASSERT_TRUE(storage.Made()) << storage.Made().Message();
     PrepareUpdate(storage);
     m_properties.Set(kFeature, "productconfig", "product.conf");
     {

@@ -21,6 +21,7 @@
 #include "Prerequisite.h"
 #include "StorageImage.h"
 #include "TemporaryDirectory.h"
+#include "TestFiles.h"
 
 namespace {
 
@@ -60,7 +61,7 @@ protected:
 };
 
 TEST_F(LinuxFileHandlerTest, FileExistsIsZeroForAFileOrFolderAndNonZeroForAMissingPath) {
-    const std::string file = m_directory.WriteFile("present", "x");
+    const std::string file = WriteTestFile(m_directory, "present", "x");
     EXPECT_EQ(IFileHandler::FileExists(Bytes(file)), 0);
     EXPECT_EQ(IFileHandler::FileExists(Bytes(m_directory.Path())), 0);
     EXPECT_NE(IFileHandler::FileExists(Bytes(Path("absent"))), 0);
@@ -69,7 +70,7 @@ TEST_F(LinuxFileHandlerTest, FileExistsIsZeroForAFileOrFolderAndNonZeroForAMissi
 }
 
 TEST_F(LinuxFileHandlerTest, FolderExistsTellsFolderFileAndMissingApart) {
-    const std::string file = m_directory.WriteFile("file", "x");
+    const std::string file = WriteTestFile(m_directory, "file", "x");
     EXPECT_EQ(IFileHandler::FolderExists(Bytes(m_directory.Path())), IFileHandler::kFolderPresent);
     EXPECT_EQ(IFileHandler::FolderExists(Bytes(file)), IFileHandler::kNotAFolder);
     EXPECT_EQ(IFileHandler::FolderExists(Bytes(Path("absent"))), IFileHandler::kFolderMissing);
@@ -85,14 +86,14 @@ TEST_F(LinuxFileHandlerTest, MakeFolderFailsWithContextWhenTheParentIsMissingOrA
     EXPECT_NE(IFileHandler::MakeFolder(Bytes(Path("absent/update"))), 0);
     EXPECT_EQ(m_handler.LastError(),
               "making folder " + Path("absent/update") + ": No such file or directory");
-    const std::string file = m_directory.WriteFile("update", "x");
+    const std::string file = WriteTestFile(m_directory, "update", "x");
     EXPECT_NE(IFileHandler::MakeFolder(Bytes(file)), 0);
     EXPECT_EQ(m_handler.LastError(), "making folder " + file + ": File exists");
 }
 
 TEST_F(LinuxFileHandlerTest, CopyFileCopiesEveryByteAndTheSourcePermissions) {
     const std::string content = RandomBytes(3 * 1024 * 1024 + 17, 1);
-    const std::string source = m_directory.WriteFile("firmware.bin", content);
+    const std::string source = WriteTestFile(m_directory, "firmware.bin", content);
     ASSERT_EQ(chmod(source.c_str(), 0640), 0);
     EXPECT_EQ(IFileHandler::CopyFile(Bytes(source), Bytes(Path("copy.bin"))), 0);
     EXPECT_EQ(ReadFile(Path("copy.bin")), content);
@@ -102,14 +103,14 @@ TEST_F(LinuxFileHandlerTest, CopyFileCopiesEveryByteAndTheSourcePermissions) {
 }
 
 TEST_F(LinuxFileHandlerTest, CopyFileReplacesALongerDestinationCompletely) {
-    const std::string source = m_directory.WriteFile("short", "new");
-    const std::string destination = m_directory.WriteFile("long", std::string(10000, 'o'));
+    const std::string source = WriteTestFile(m_directory, "short", "new");
+    const std::string destination = WriteTestFile(m_directory, "long", std::string(10000, 'o'));
     EXPECT_EQ(IFileHandler::CopyFile(Bytes(source), Bytes(destination)), 0);
     EXPECT_EQ(ReadFile(destination), "new");
 }
 
 TEST_F(LinuxFileHandlerTest, CopyFileOfAnEmptyFileMakesAnEmptyFile) {
-    const std::string source = m_directory.WriteFile("empty", "");
+    const std::string source = WriteTestFile(m_directory, "empty", "");
     EXPECT_EQ(IFileHandler::CopyFile(Bytes(source), Bytes(Path("copy"))), 0);
     ASSERT_TRUE(Exists(Path("copy")));
     EXPECT_EQ(ReadFile(Path("copy")), "");
@@ -133,7 +134,7 @@ TEST_F(LinuxFileHandlerTest, CopyFileFromAMissingSourceFailsAndCreatesNothing) {
 }
 
 TEST_F(LinuxFileHandlerTest, CopyFileIntoAMissingFolderFails) {
-    const std::string source = m_directory.WriteFile("boot.bin", "b");
+    const std::string source = WriteTestFile(m_directory, "boot.bin", "b");
     EXPECT_NE(IFileHandler::CopyFile(Bytes(source), Bytes(Path("absent/boot.bin"))), 0);
     EXPECT_EQ(m_handler.LastError(), "copying " + source + " to " + Path("absent/boot.bin") +
                                          ": creating " + Path("absent/boot.bin") +
@@ -141,7 +142,7 @@ TEST_F(LinuxFileHandlerTest, CopyFileIntoAMissingFolderFails) {
 }
 
 TEST_F(LinuxFileHandlerTest, CopyFileOntoItselfFailsAndKeepsTheFile) {
-    const std::string source = m_directory.WriteFile("boot.bin", "keep me");
+    const std::string source = WriteTestFile(m_directory, "boot.bin", "keep me");
     EXPECT_NE(IFileHandler::CopyFile(Bytes(source), Bytes(source)), 0);
     EXPECT_EQ(ReadFile(source), "keep me");
 }
@@ -152,7 +153,7 @@ TEST_F(LinuxFileHandlerTest, CopyFileOfAFolderFails) {
 }
 
 TEST_F(LinuxFileHandlerTest, RemoveFileCodesRemovedNoSuchFileAndStillThere) {
-    const std::string file = m_directory.WriteFile("flag", "");
+    const std::string file = WriteTestFile(m_directory, "flag", "");
     EXPECT_EQ(IFileHandler::RemoveFile(Bytes(file)), IFileHandler::kRemoved);
     EXPECT_FALSE(Exists(file));
     EXPECT_EQ(IFileHandler::RemoveFile(Bytes(file)), IFileHandler::kRemoveNoSuchFile);
@@ -162,7 +163,7 @@ TEST_F(LinuxFileHandlerTest, RemoveFileCodesRemovedNoSuchFileAndStillThere) {
 }
 
 TEST_F(LinuxFileHandlerTest, FileSizeInBytesOrNegative) {
-    const std::string file = m_directory.WriteFile("loader.bin", std::string(12345, 'l'));
+    const std::string file = WriteTestFile(m_directory, "loader.bin", std::string(12345, 'l'));
     EXPECT_EQ(IFileHandler::FileSize(Bytes(file)), 12345);
     EXPECT_LT(IFileHandler::FileSize(Bytes(Path("absent"))), 0);
     EXPECT_EQ(m_handler.LastError(), "measuring " + Path("absent") + ": No such file or directory");
@@ -193,7 +194,7 @@ TEST_F(LinuxFileHandlerTest, FOpenOfAMissingFileForReadingIsNull) {
 }
 
 TEST_F(LinuxFileHandlerTest, MountWithAFormatWithoutFileSystemTypeFails) {
-    const std::string device = m_directory.WriteFile("image", "");
+    const std::string device = WriteTestFile(m_directory, "image", "");
     EXPECT_NE(IFileHandler::Mount(Bytes(device), Bytes(m_directory.Path()), IFileHandler::eFormat3),
               0);
     EXPECT_EQ(m_handler.LastError(), "mounting " + device + " on " + m_directory.Path() +
@@ -228,13 +229,13 @@ protected:
 
 TEST_F(LinuxFileHandlerStorageTest, MountAttachesTheImageToOneLoopDeviceAndUmountDetachesIt) {
     CStorageImage storage(8 * 1024 * 1024);
-    ASSERT_EQ(storage.Error(), "");
+    ASSERT_TRUE(storage.Made()) << storage.Made().Message();
     ASSERT_EQ(MountStorage(storage), 0) << m_handler.LastError();
     EXPECT_TRUE(storage.IsMounted());
     EXPECT_EQ(storage.AttachedLoopDevices().size(), 1u);
 
     const std::string content = RandomBytes(200000, 2);
-    const std::string source = m_directory.WriteFile("firmware.bin", content);
+    const std::string source = WriteTestFile(m_directory, "firmware.bin", content);
     EXPECT_EQ(IFileHandler::MakeFolder(Bytes(storage.MountPoint() + "/update")), 0);
     EXPECT_EQ(
         IFileHandler::CopyFile(Bytes(source), Bytes(storage.MountPoint() + "/update/firmware.bin")),
@@ -250,7 +251,7 @@ TEST_F(LinuxFileHandlerStorageTest, MountAttachesTheImageToOneLoopDeviceAndUmoun
 
 TEST_F(LinuxFileHandlerStorageTest, UmountFindsTheMountByAnotherSpellingOfItsPath) {
     CStorageImage storage(4 * 1024 * 1024);
-    ASSERT_EQ(storage.Error(), "");
+    ASSERT_TRUE(storage.Made()) << storage.Made().Message();
     ASSERT_EQ(MountStorage(storage), 0) << m_handler.LastError();
     EXPECT_EQ(IFileHandler::Umount(Bytes(storage.MountPoint() + "/")), 0);
     ExpectReleased(storage);
@@ -258,7 +259,7 @@ TEST_F(LinuxFileHandlerStorageTest, UmountFindsTheMountByAnotherSpellingOfItsPat
 
 TEST_F(LinuxFileHandlerStorageTest, MountOfAMissingDeviceFailsWithContext) {
     CStorageImage storage(4 * 1024 * 1024);
-    ASSERT_EQ(storage.Error(), "");
+    ASSERT_TRUE(storage.Made()) << storage.Made().Message();
     const std::string device = Path("absent.img");
     EXPECT_NE(IFileHandler::Mount(Bytes(device), Bytes(storage.MountPoint()),
                                   IFileHandler::eFormatMovinand),
@@ -270,7 +271,7 @@ TEST_F(LinuxFileHandlerStorageTest, MountOfAMissingDeviceFailsWithContext) {
 
 TEST_F(LinuxFileHandlerStorageTest, MountOfAnImageWithoutFileSystemFailsAndDetachesTheLoopDevice) {
     CStorageImage storage(4 * 1024 * 1024);
-    ASSERT_EQ(storage.Error(), "");
+    ASSERT_TRUE(storage.Made()) << storage.Made().Message();
     {
         std::ofstream garbage(storage.Image(), std::ios::binary | std::ios::trunc);
         garbage << RandomBytes(4 * 1024 * 1024, 3);
@@ -286,7 +287,7 @@ TEST_F(LinuxFileHandlerStorageTest, MountOfAnImageWithoutFileSystemFailsAndDetac
 
 TEST_F(LinuxFileHandlerStorageTest, MountOnAMissingMountPointFailsAndDetachesTheLoopDevice) {
     CStorageImage storage(4 * 1024 * 1024);
-    ASSERT_EQ(storage.Error(), "");
+    ASSERT_TRUE(storage.Made()) << storage.Made().Message();
     EXPECT_NE(IFileHandler::Mount(Bytes(storage.Image()), Bytes(Path("absent")),
                                   IFileHandler::eFormatMovinand),
               0);
@@ -297,7 +298,7 @@ TEST_F(LinuxFileHandlerStorageTest, MountOnAMissingMountPointFailsAndDetachesThe
 
 TEST_F(LinuxFileHandlerStorageTest, SecondMountOnTheSameMountPointIsRefused) {
     CStorageImage storage(4 * 1024 * 1024);
-    ASSERT_EQ(storage.Error(), "");
+    ASSERT_TRUE(storage.Made()) << storage.Made().Message();
     ASSERT_EQ(MountStorage(storage), 0) << m_handler.LastError();
     EXPECT_NE(MountStorage(storage), 0);
     EXPECT_EQ(m_handler.LastError(), "mounting " + storage.Image() + " on " + storage.MountPoint() +
@@ -315,8 +316,8 @@ TEST_F(LinuxFileHandlerStorageTest, UmountOfAPathThatIsNotMountedFails) {
 
 TEST_F(LinuxFileHandlerStorageTest, CopyOntoAFullFileSystemFailsAndLeavesNoPartialFile) {
     CStorageImage storage(2 * 1024 * 1024);
-    ASSERT_EQ(storage.Error(), "");
-    const std::string source = m_directory.WriteFile("firmware.bin", RandomBytes(4 << 20, 4));
+    ASSERT_TRUE(storage.Made()) << storage.Made().Message();
+    const std::string source = WriteTestFile(m_directory, "firmware.bin", RandomBytes(4 << 20, 4));
     const std::string destination = storage.MountPoint() + "/firmware.bin";
     ASSERT_EQ(MountStorage(storage), 0) << m_handler.LastError();
     EXPECT_NE(IFileHandler::CopyFile(Bytes(source), Bytes(destination)), 0);
@@ -324,7 +325,7 @@ TEST_F(LinuxFileHandlerStorageTest, CopyOntoAFullFileSystemFailsAndLeavesNoParti
                                          destination + ": No space left on device");
     EXPECT_FALSE(Exists(destination));
     // The space is free again: a small file still fits.
-    const std::string small = m_directory.WriteFile("daemon.conf", "daemon=1\n");
+    const std::string small = WriteTestFile(m_directory, "daemon.conf", "daemon=1\n");
     EXPECT_EQ(IFileHandler::CopyFile(Bytes(small), Bytes(storage.MountPoint() + "/daemon.conf")),
               0);
     EXPECT_EQ(IFileHandler::Umount(Bytes(storage.MountPoint())), 0);
@@ -334,9 +335,9 @@ TEST_F(LinuxFileHandlerStorageTest, CopyOntoAFullFileSystemFailsAndLeavesNoParti
 
 TEST_F(LinuxFileHandlerStorageTest, ReadOnlyFileSystemMountsAndRefusesWrites) {
     CStorageImage storage(4 * 1024 * 1024);
-    ASSERT_EQ(storage.Error(), "");
+    ASSERT_TRUE(storage.Made()) << storage.Made().Message();
     ASSERT_TRUE(storage.MakeReadOnlyFileSystem());
-    const std::string source = m_directory.WriteFile("boot.bin", "boot");
+    const std::string source = WriteTestFile(m_directory, "boot.bin", "boot");
     ASSERT_EQ(MountStorage(storage), 0) << m_handler.LastError();
     EXPECT_NE(IFileHandler::MakeFolder(Bytes(storage.MountPoint() + "/update")), 0);
     EXPECT_EQ(m_handler.LastError(),
@@ -349,8 +350,8 @@ TEST_F(LinuxFileHandlerStorageTest, ReadOnlyFileSystemMountsAndRefusesWrites) {
 
 TEST_F(LinuxFileHandlerStorageTest, StorageRemountedReadOnlyRefusesCopies) {
     CStorageImage storage(4 * 1024 * 1024);
-    ASSERT_EQ(storage.Error(), "");
-    const std::string source = m_directory.WriteFile("boot.bin", "boot");
+    ASSERT_TRUE(storage.Made()) << storage.Made().Message();
+    const std::string source = WriteTestFile(m_directory, "boot.bin", "boot");
     const std::string destination = storage.MountPoint() + "/boot.bin";
     ASSERT_EQ(MountStorage(storage), 0) << m_handler.LastError();
     ASSERT_EQ(
@@ -365,14 +366,14 @@ TEST_F(LinuxFileHandlerStorageTest, StorageRemountedReadOnlyRefusesCopies) {
 
 TEST_F(LinuxFileHandlerStorageTest, WriteProtectedImageIsMountedReadOnlyThroughAReadOnlyLoop) {
     CStorageImage storage(4 * 1024 * 1024);
-    ASSERT_EQ(storage.Error(), "");
+    ASSERT_TRUE(storage.Made()) << storage.Made().Message();
     // An immutable image cannot be opened for writing, not even by root.
-    if (RunProgram({"chattr", "+i", storage.Image()}) != 0) {
+    if (CChildProcess::Run({"chattr", "+i", storage.Image()}).exitCode != 0) {
         MODEMLOADER_MISSING_PREREQUISITE("the temporary file system cannot mark files immutable");
     }
     struct CMutableAgain {
         const std::string& image;
-        ~CMutableAgain() { RunProgram({"chattr", "-i", image}); }
+        ~CMutableAgain() { CChildProcess::Run({"chattr", "-i", image}); }
     } mutableAgain{storage.Image()};
 
     ASSERT_EQ(MountStorage(storage), 0) << m_handler.LastError();
@@ -389,7 +390,7 @@ TEST_F(LinuxFileHandlerStorageTest, WriteProtectedImageIsMountedReadOnlyThroughA
 
 TEST_F(LinuxFileHandlerStorageTest, BusyStorageIsNotUnmountedUntilItsLastFileCloses) {
     CStorageImage storage(4 * 1024 * 1024);
-    ASSERT_EQ(storage.Error(), "");
+    ASSERT_TRUE(storage.Made()) << storage.Made().Message();
     ASSERT_EQ(MountStorage(storage), 0) << m_handler.LastError();
     FILE* open = IFileHandler::FOpen(Bytes(storage.MountPoint() + "/revision"), "w");
     ASSERT_NE(open, nullptr);
@@ -405,7 +406,7 @@ TEST_F(LinuxFileHandlerStorageTest, BusyStorageIsNotUnmountedUntilItsLastFileClo
 
 TEST_F(LinuxFileHandlerStorageTest, BlockDeviceIsMountedAsItIsAndStaysAttachedAfterUmount) {
     CStorageImage storage(4 * 1024 * 1024);
-    ASSERT_EQ(storage.Error(), "");
+    ASSERT_TRUE(storage.Made()) << storage.Made().Message();
     std::unique_ptr<CLoopDevice> ours;
     const CStatus attached = CLoopDevice::Attach(storage.Image(), ours);
     ASSERT_TRUE(attached) << attached.Message();
@@ -424,7 +425,7 @@ TEST_F(LinuxFileHandlerStorageTest, BlockDeviceIsMountedAsItIsAndStaysAttachedAf
 
 TEST_F(LinuxFileHandlerStorageTest, DestroyingTheHandlerUnmountsWhatItMounted) {
     CStorageImage storage(4 * 1024 * 1024);
-    ASSERT_EQ(storage.Error(), "");
+    ASSERT_TRUE(storage.Made()) << storage.Made().Message();
     {
         CLinuxFileHandler handler({{2, "ext4"}});
         ASSERT_EQ(handler.Mount(Bytes(storage.Image()), Bytes(storage.MountPoint()),
@@ -438,7 +439,7 @@ TEST_F(LinuxFileHandlerStorageTest, DestroyingTheHandlerUnmountsWhatItMounted) {
 
 TEST_F(LinuxFileHandlerStorageTest, LoopDeviceIsFreedWhenTheMountGoesEvenAfterTheProcessDied) {
     CStorageImage storage(4 * 1024 * 1024);
-    ASSERT_EQ(storage.Error(), "");
+    ASSERT_TRUE(storage.Made()) << storage.Made().Message();
     CChildProcess child;
     // Mounts and dies without unmounting or running any destructor.
     const CStatus started = child.StartCopy([&storage] {
@@ -460,7 +461,7 @@ TEST_F(LinuxFileHandlerStorageTest, LoopDeviceIsFreedWhenTheMountGoesEvenAfterTh
 
 TEST_F(LinuxFileHandlerStorageTest, LoopDeviceOfAnUnmountedImageIsDetachedWithItsOwner) {
     CStorageImage storage(4 * 1024 * 1024);
-    ASSERT_EQ(storage.Error(), "");
+    ASSERT_TRUE(storage.Made()) << storage.Made().Message();
     std::unique_ptr<CLoopDevice> loop;
     const CStatus attached = CLoopDevice::Attach(storage.Image(), loop);
     ASSERT_TRUE(attached) << attached.Message();

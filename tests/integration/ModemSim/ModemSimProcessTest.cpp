@@ -14,6 +14,7 @@
 #include <nlohmann/json.hpp>
 #include <thread>
 
+#include "Await.h"
 #include "ChildProcess.h"
 #include "HostLine.h"
 #include "Prerequisite.h"
@@ -38,18 +39,6 @@ void WriteBytes(const std::string& path, const TBytes& bytes) {
     std::ofstream file(path, std::ios::binary | std::ios::trunc);
     file.write(reinterpret_cast<const char*>(bytes.data()),
                static_cast<std::streamsize>(bytes.size()));
-}
-
-// Polls `condition` every millisecond until it holds or `timeout` passes.
-bool Await(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() >= deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(1ms);
-    }
-    return true;
 }
 
 TBytes Pattern(size_t size, unsigned seed) {
@@ -198,19 +187,19 @@ TEST_F(ModemSimProcessTest, WholeUpdateLeavesTheFirmwareInTheFlashAndTheSummary)
     const TBytes firmware = Pattern(60000, 11);
     const uint32_t size = static_cast<uint32_t>(firmware.size());
 
-    EXPECT_EQ(Exchange({0x16}, 1, 200ms), TBytes{}) << "switched off: no echo";
+    EXPECT_EQ(Exchange({wire::kSync}, 1, 200ms), TBytes{}) << "switched off: no echo";
     SetPin('0');
     ASSERT_TRUE(AwaitReady('1'));
-    EXPECT_EQ(Exchange({0x16}, 1), TBytes{0x16});
+    EXPECT_EQ(Exchange({wire::kSync}, 1), TBytes{wire::kSync});
     EXPECT_EQ(Exchange(m_loader, 1), TBytes{'0'});
-    EXPECT_EQ(Exchange({0x07, 0x00, 0xc2, 0x01, 0x00}, 1), TBytes{0x07});
-    EXPECT_EQ(Exchange({0x05, 0x00}, 1), TBytes{0x05});
-    EXPECT_EQ(Exchange(RangeCommand(0x04, 0), 1), TBytes{0x04});
-    EXPECT_EQ(Exchange({0x02}, 1), TBytes{0x02});
-    EXPECT_EQ(Exchange(RangeCommand(0x09, size), 1), TBytes{0x09});
-    EXPECT_EQ(Exchange({0x03}, 2), (TBytes{0x03, '0'}));
-    EXPECT_EQ(Exchange(RangeCommand(0x04, size), 1), TBytes{0x04});
-    EXPECT_EQ(Exchange({0x01}, 1), TBytes{0x01});
+    EXPECT_EQ(Exchange(wire::BaudrateCommand(), 1), TBytes{wire::kSetBaudrate});
+    EXPECT_EQ(Exchange(wire::FlowControlCommand(), 1), TBytes{wire::kSetFlowControl});
+    EXPECT_EQ(Exchange(wire::ReadRangeCommand(), 1), TBytes{wire::kSetRange});
+    EXPECT_EQ(Exchange(wire::ReadCommand(), 1), TBytes{wire::kRead});
+    EXPECT_EQ(Exchange(wire::EraseRangeCommand(size), 1), TBytes{wire::kSetEraseRange});
+    EXPECT_EQ(Exchange(wire::EraseCommand(), 2), (TBytes{wire::kErase, '0'}));
+    EXPECT_EQ(Exchange(wire::WriteRangeCommand(size), 1), TBytes{wire::kSetRange});
+    EXPECT_EQ(Exchange(wire::WriteCommand(), 1), TBytes{wire::kWrite});
     EXPECT_EQ(Exchange(TBytes(firmware.begin(), firmware.begin() + 25600), 1), TBytes{'.'});
     EXPECT_EQ(Exchange(TBytes(firmware.begin() + 25600, firmware.begin() + 51200), 1), TBytes{'.'});
     EXPECT_EQ(Exchange(TBytes(firmware.begin() + 51200, firmware.end()), 1), TBytes{'0'});
@@ -250,7 +239,7 @@ TEST_F(ModemSimProcessTest, LoaderStatusFaultIsTheOnlyAnswerToTheDownload) {
     StartModem({"--fault", "loader-status=3"});
     SetPin('0');
     ASSERT_TRUE(AwaitReady('1'));
-    EXPECT_EQ(Exchange({0x16}, 1), TBytes{0x16});
+    EXPECT_EQ(Exchange({wire::kSync}, 1), TBytes{wire::kSync});
     EXPECT_EQ(Exchange(m_loader, 2, 300ms), TBytes{'3'});
     const nlohmann::json summary = Stop(SIGINT);
     EXPECT_EQ(summary["loader_ok"], false);
@@ -262,7 +251,7 @@ TEST_F(ModemSimProcessTest, LoaderStatusFaultIsTheOnlyAnswerToTheDownload) {
 TEST_F(ModemSimProcessTest, InitiallyOnModemIsSwitchedOffByAFiveSecondPress) {
     StartModem({"--initially-on"});
     EXPECT_EQ(ReadText(Path("ready")), "1\n");
-    EXPECT_EQ(Exchange({0x16}, 1, 200ms), TBytes{}) << "firmware, not boot code: no echo";
+    EXPECT_EQ(Exchange({wire::kSync}, 1, 200ms), TBytes{}) << "firmware, not boot code: no echo";
 
     const auto pressed = std::chrono::steady_clock::now();
     SetPin('0');
@@ -275,7 +264,7 @@ TEST_F(ModemSimProcessTest, InitiallyOnModemIsSwitchedOffByAFiveSecondPress) {
         [&] { return ReadText(Path("trace.txt")).find(" pin 1\n") != std::string::npos; }, 10s));
     SetPin('0');
     ASSERT_TRUE(AwaitReady('1'));
-    EXPECT_EQ(Exchange({0x16}, 1), TBytes{0x16});
+    EXPECT_EQ(Exchange({wire::kSync}, 1), TBytes{wire::kSync});
 
     const nlohmann::json summary = Stop();
     EXPECT_EQ(summary["power_ups"], 1);
@@ -290,11 +279,11 @@ bool SyncAttempt(CHostLine& line, const std::function<void(char)>& setPin) {
     setPin('0');
     const auto pressed = std::chrono::steady_clock::now();
     while (std::chrono::steady_clock::now() - pressed < 1250ms) {
-        if (!line.Write({0x16})) {
+        if (!line.Write({wire::kSync})) {
             return false;
         }
         std::this_thread::sleep_for(1ms);
-        if (line.Read(1, 25ms) == TBytes{0x16}) {
+        if (line.Read(1, 25ms) == TBytes{wire::kSync}) {
             return true;
         }
     }
@@ -353,7 +342,7 @@ TEST_F(ModemSimProcessTest, BaudRatePacesTheLoaderDownload) {
     StartModem({"--baud", "20000"});
     SetPin('0');
     ASSERT_TRUE(AwaitReady('1'));
-    EXPECT_EQ(Exchange({0x16}, 1), TBytes{0x16});
+    EXPECT_EQ(Exchange({wire::kSync}, 1), TBytes{wire::kSync});
     const auto sent = std::chrono::steady_clock::now();
     EXPECT_EQ(Exchange(m_loader, 1), TBytes{'0'});
     const auto elapsed = std::chrono::steady_clock::now() - sent;

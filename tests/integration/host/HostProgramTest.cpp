@@ -16,7 +16,9 @@
 #include "ChildProcess.h"
 #include "MountTable.h"
 #include "Prerequisite.h"
+#include "StorageImage.h"
 #include "TemporaryDirectory.h"
+#include "TestFiles.h"
 
 namespace {
 
@@ -124,7 +126,7 @@ protected:
             text += key + " = " + value + "\n";
         }
         ::mkdir(Path("mnt").c_str(), 0755);
-        return m_directory.WriteFile("host.ini", text);
+        return WriteTestFile(m_directory, "host.ini", text);
     }
 
     TChildResult RunHost(std::vector<std::string> arguments, TChildOptions options = {}) {
@@ -362,7 +364,7 @@ TEST_F(HostProgramTest, AGroupWritablePluginIsRefused) {
     const std::string plugin = Path("libmodemloader.so");
     const std::string bytes = ReadText(MODEMLOADER_PLUGIN);
     ASSERT_FALSE(bytes.empty());
-    m_directory.WriteFile("libmodemloader.so", bytes);
+    WriteTestFile(m_directory, "libmodemloader.so", bytes);
     ASSERT_EQ(::chmod(plugin.c_str(), 0664), 0);
     const TChildResult update = RunHost({"update", "--config", config, "--plugin", plugin});
     EXPECT_EQ(update.exitCode, 2) << Describe(update);
@@ -378,7 +380,8 @@ TEST_F(HostProgramTest, AConfigurationInAWorldWritableDirectoryIsRefused) {
     const std::string shared = Path("shared");
     ASSERT_EQ(::mkdir(shared.c_str(), 0700), 0);
     ASSERT_EQ(::chmod(shared.c_str(), 0777), 0);
-    const std::string config = m_directory.WriteFile("shared/host.ini", ReadText(WriteConfig()));
+    const std::string config =
+        WriteTestFile(m_directory, "shared/host.ini", ReadText(WriteConfig()));
     const TChildResult result = RunUpdate(config);
     EXPECT_EQ(result.exitCode, 2) << Describe(result);
     EXPECT_EQ(result.err,
@@ -542,34 +545,26 @@ TEST_F(HostProgramTest, AFeatureThatNeverFinishesTimesOutWithExitThree) {
 class HostProgramStorageTest : public HostProgramTest {
 protected:
     void SetUp() override {
-        if (::geteuid() != 0) {
-            MODEMLOADER_MISSING_PREREQUISITE("mounting a storage image needs root");
-        }
-        struct stat status {};
-        if (::stat("/dev/loop-control", &status) != 0) {
-            MODEMLOADER_MISSING_PREREQUISITE("no loop devices here (/dev/loop-control is missing)");
+        if (const std::string missing = CStorageImage::MissingPrerequisite(); !missing.empty()) {
+            MODEMLOADER_MISSING_PREREQUISITE(missing);
         }
         ASSERT_EQ(::mkdir(Path("content").c_str(), 0755), 0);
-        m_directory.WriteFile("content/revision", "123\n");
-        const TChildResult made = CChildProcess::Run(
-            {"mkfs.ext4", "-q", "-F", "-d", Path("content"), Path("movinand.img"), "8M"});
-        if (!made.started || made.exitCode == 127) {
-            MODEMLOADER_MISSING_PREREQUISITE("mkfs.ext4 is not available: " + Describe(made));
-        }
-        ASSERT_EQ(made.exitCode, 0) << Describe(made);
+        WriteTestFile(m_directory, "content/revision", "123\n");
+        const CStatus made = m_storage.Make(8 << 20, Path("content"));
+        ASSERT_TRUE(made) << made.Message();
     }
 
     std::string WriteStorageConfig(std::map<std::string, std::string> changes = {}) {
-        changes.emplace("movinand", Path("movinand.img"));
+        changes.emplace("movinand", m_storage.Image());
         return WriteConfig(changes);
     }
 
     // The file's content on the (unmounted) image.
     std::string ReadFromImage(const std::string& name) {
-        const TChildResult result =
-            CChildProcess::Run({"debugfs", "-R", "cat /" + name, Path("movinand.img")});
-        EXPECT_EQ(result.exitCode, 0) << Describe(result);
-        return result.out;
+        std::string content;
+        const CStatus read = m_storage.ReadFromImage(name, content);
+        EXPECT_TRUE(read) << read.Message();
+        return content;
     }
 
     bool IsMounted(const std::string& mountPoint) { return IsMountPoint(mountPoint); }
@@ -588,6 +583,9 @@ protected:
                 "out 203 outcome 1",
                 "in 204"};
     }
+
+    // Goes before the test's directory, which holds it: a mount left behind is detached first.
+    CStorageImage m_storage{m_directory.Path()};
 };
 
 TEST_F(HostProgramStorageTest, AnUpToDateModemCompletesThroughTheFakeLoader) {
@@ -621,7 +619,8 @@ TEST_F(HostProgramStorageTest, AnUpToDateModemCompletesThroughTheFakeLoader) {
 TEST_F(HostProgramStorageTest, WithAControlPinTheRevisionIsWrittenAfterCompletion) {
     // The control path exists, so completion mounts the storage again and writes the revision's
     // four bytes (its three characters and the terminator).
-    const std::string config = WriteStorageConfig({{"control", m_directory.WriteFile("pin", "")}});
+    const std::string config =
+        WriteStorageConfig({{"control", WriteTestFile(m_directory, "pin", "")}});
     const TChildResult result = RunUpdate(config);
     EXPECT_EQ(result.exitCode, 0) << Describe(result);
 

@@ -57,7 +57,7 @@ TEST_F(ImageLoaderSetupTest, PrepareHoldsTheLoaderSourceWholeInMemory) {
 }
 
 TEST_F(ImageLoaderSetupTest, PrepareSwitchesOffAModemThatIsOnBeforeOpeningThePort) {
-    m_directory.WriteFile("ready", "1");
+    WriteTestFile(m_directory, "ready", "1");
     // At each pin command: how many ports had been opened by then.
     std::vector<std::size_t> portsAtCommand;
     m_commands.OnCommand([this, &portsAtCommand](const std::string&) {
@@ -82,7 +82,7 @@ TEST_F(ImageLoaderSetupTest, PrepareSwitchesOffAModemThatIsOnBeforeOpeningThePor
 
 TEST_F(ImageLoaderSetupTest, MissingFirmwareKeySkipsTheFilesButStillSetsUpPowerAndPort) {
     m_properties.Remove(kName, "firmware");
-    m_directory.WriteFile("ready", "1");
+    WriteTestFile(m_directory, "ready", "1");
     CImageLoader& loader = MakeLoader();
     EXPECT_FALSE(loader.Prepare());
     EXPECT_EQ(

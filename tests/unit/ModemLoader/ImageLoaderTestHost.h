@@ -1,6 +1,6 @@
 #pragma once
-// An image loader on the test host: properties for its five keys, the loader and firmware
-// sources in the in-memory file system, a ready input in a real temporary file (the power
+// An image loader on fakes of the host services: properties for its five keys, the loader and
+// firmware sources in the in-memory file system, a ready input in a real temporary file (the power
 // control reads it with stdio), a command handler whose pin commands power the scripted modem up
 // and down, the scripted serial port, the captured log and the virtual clock.
 
@@ -15,6 +15,7 @@
 #include <thread>
 #include <vector>
 
+#include "Await.h"
 #include "FakeFileHandler.h"
 #include "ImageLoader.h"
 #include "LogCapture.h"
@@ -24,7 +25,9 @@
 #include "RecordingLoaderCallback.h"
 #include "ScriptedSerialPort.h"
 #include "TemporaryDirectory.h"
+#include "TestFiles.h"
 #include "VirtualClock.h"
+#include "WireCommands.h"
 
 namespace imageloadertest {
 
@@ -61,28 +64,11 @@ inline TBytes LittleEndian(uint32_t value) {
 }
 
 // The wire commands of a run.
-inline TBytes BaudrateCommand() { return Bytes({0x07, 0x00, 0xC2, 0x01, 0x00}); }
-inline TBytes FlowControlCommand() { return Bytes({0x05, 0x00}); }
-inline TBytes ReadRangeCommand() { return Bytes({0x04, 0x00, 0x00, 0x00, 0x90, 0, 0, 0, 0}); }
-inline TBytes EraseRangeCommand(uint32_t size) {
-    return Concat({Bytes({0x09, 0x00, 0x00, 0x00, 0x90}), LittleEndian(size)});
-}
-inline TBytes WriteRangeCommand(uint32_t size) {
-    return Concat({Bytes({0x04, 0x00, 0x00, 0x00, 0x90}), LittleEndian(size)});
-}
-
-// Waits up to `timeout` for `condition`; false when it never held.
-inline bool Await(const std::function<bool()>& condition,
-                  std::chrono::milliseconds timeout = std::chrono::seconds(20)) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::microseconds(200));
-    }
-    return true;
-}
+using wire::BaudrateCommand;
+using wire::EraseRangeCommand;
+using wire::FlowControlCommand;
+using wire::ReadRangeCommand;
+using wire::WriteRangeCommand;
 
 inline std::size_t Count(const std::vector<TLogEntry>& entries, const TLogEntry& entry) {
     std::size_t count = 0;
@@ -102,7 +88,7 @@ protected:
         CVirtualClock::Clear();
         CVirtualClock::SetRealTimeDivisor(1000);
         m_mainThread = std::this_thread::get_id();
-        m_readyPath = m_directory.WriteFile("ready", "0");
+        m_readyPath = WriteTestFile(m_directory, "ready", "0");
         m_properties.Set(kName, "control", kControlPin);
         m_properties.Set(kName, "ready", m_readyPath);
         m_properties.Set(kName, "serial", kSerialDevice);

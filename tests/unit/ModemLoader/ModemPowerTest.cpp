@@ -10,10 +10,12 @@
 #include <thread>
 #include <vector>
 
+#include "Await.h"
 #include "LogCapture.h"
 #include "ModemPower.h"
 #include "RecordingCmdHandler.h"
 #include "TemporaryDirectory.h"
+#include "TestFiles.h"
 #include "VirtualClock.h"
 
 namespace {
@@ -22,17 +24,6 @@ constexpr char kControlPin[] = "/sys/class/modem/control";
 constexpr char kSourceFile[] = "features/component/ModemLoader/src/ModemPower";
 const std::string kPinLow = std::string("echo 0 > ") + kControlPin;
 const std::string kPinHigh = std::string("echo 1 > ") + kControlPin;
-
-bool Await(const std::function<bool()>& condition) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::microseconds(200));
-    }
-    return true;
-}
 
 std::string SleepText(const TSleep& sleep) {
     return (sleep.unit == TSleep::eSeconds ? "sleep(" : "usleep(") + std::to_string(sleep.amount) +
@@ -90,8 +81,9 @@ protected:
     }
 
     void Init(const std::optional<std::string>& readyContent) {
-        const std::string readyPath = readyContent ? m_directory.WriteFile("ready", *readyContent)
-                                                   : m_directory.Path() + "/no-such-ready-input";
+        const std::string readyPath = readyContent
+                                          ? WriteTestFile(m_directory, "ready", *readyContent)
+                                          : m_directory.Path() + "/no-such-ready-input";
         m_power.Init(readyPath, kControlPin);
     }
 
@@ -221,7 +213,7 @@ TEST_F(ModemPowerTest, PrepareRecordsCarryTheirFixedLinesAndSourceFile) {
 }
 
 TEST_F(ModemPowerTest, ControlPinPathWithBlanksGoesToTheShellUnquoted) {
-    const std::string readyPath = m_directory.WriteFile("ready", "1");
+    const std::string readyPath = WriteTestFile(m_directory, "ready", "1");
     m_power.Init(readyPath, "/sys/class/gpio/modem power/value");
     m_power.Prepare();
     EXPECT_EQ(m_commands.Lines(),
@@ -230,7 +222,7 @@ TEST_F(ModemPowerTest, ControlPinPathWithBlanksGoesToTheShellUnquoted) {
 }
 
 TEST_F(ModemPowerTest, InitTakesTheReadyInputFirstAndTheControlPinSecond) {
-    const std::string readyPath = m_directory.WriteFile("ready", "1");
+    const std::string readyPath = WriteTestFile(m_directory, "ready", "1");
     m_power.Init(readyPath, "/pin");
     m_power.Prepare();
     EXPECT_EQ(m_commands.Lines(), (std::vector<std::string>{"echo 0 > /pin", "echo 1 > /pin"}));
@@ -326,7 +318,7 @@ TEST_F(ModemPowerTest, ModemThatCameOnWithoutAnsweringIsSwitchedOffAgainAfterThe
         Note(line);
         if (line == kPinLow && !cameOn) {
             cameOn = true;
-            m_directory.WriteFile("ready", "1");
+            WriteTestFile(m_directory, "ready", "1");
         }
     });
     Start();

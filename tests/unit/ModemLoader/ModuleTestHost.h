@@ -1,7 +1,7 @@
 #pragma once
-// A module object on the test host: the recording event broker, feature properties in a map, the
-// in-memory file system with the movinand storage, and the captured log. Tests drive the module
-// only as the host does, through controller events and ticks on the broker.
+// A module object on fakes of the host services: the recording event broker, feature properties in
+// a map, the in-memory file system with the movinand storage, and the captured log. Tests drive the
+// module only as the host does, through controller events and ticks on the broker.
 
 #include <gtest/gtest.h>
 

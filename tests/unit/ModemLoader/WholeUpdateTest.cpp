@@ -1,5 +1,5 @@
-// One whole update through the test host, from the host's Init to the last tick, with the fake
-// loader doing the installation: every published event and every log record, in order.
+// One whole update on fakes of the host services, from the host's Init to the last tick, with the
+// fake loader doing the installation: every published event and every log record, in order.
 
 #include <gtest/gtest.h>
 

@@ -33,11 +33,11 @@ std::string Join(const std::string& first, const std::string& second) {
     return first.empty() ? second : (second.empty() ? first : first + " " + second);
 }
 
-const TBytes kSetBaudrate = {0x07, 0x00, 0xc2, 0x01, 0x00};
-const TBytes kSetFlowControl = {0x05, 0x00};
-const TBytes kRead = {0x02};
-const TBytes kErase = {0x03};
-const TBytes kWrite = {0x01};
+const TBytes kSetBaudrate = wire::BaudrateCommand();
+const TBytes kSetFlowControl = wire::FlowControlCommand();
+const TBytes kRead = wire::ReadCommand();
+const TBytes kErase = wire::EraseCommand();
+const TBytes kWrite = wire::WriteCommand();
 const TBytes kLoader = {0xa5, 0x5a, 0x00, 0x16, 0xff, 0x30};
 
 TBytes Firmware(size_t size) {
@@ -170,16 +170,16 @@ TEST_F(BootProtocolTest, WholeUpdateFlashesTheFirmwareAndRecordsEveryCommand) {
     ToCommands(*modem);
     EXPECT_EQ(Send(*modem, kSetBaudrate), "07");
     EXPECT_EQ(Send(*modem, kSetFlowControl), "05");
-    EXPECT_EQ(Send(*modem, RangeCommand(0x04, 0)), "04");
+    EXPECT_EQ(Send(*modem, wire::ReadRangeCommand()), "04");
     EXPECT_EQ(Send(*modem, kRead), "02");
-    EXPECT_EQ(Send(*modem, RangeCommand(0x09, 64000)), "09");
+    EXPECT_EQ(Send(*modem, wire::EraseRangeCommand(64000)), "09");
     EXPECT_EQ(Send(*modem, kErase), "03");
     ASSERT_TRUE(modem->NextDeadline());
     EXPECT_EQ(*modem->NextDeadline(), m_now + 200ms);
     EXPECT_EQ(Wait(*modem, 199ms), "") << "still erasing";
     EXPECT_EQ(Wait(*modem, 1ms), "30");
     EXPECT_FALSE(modem->NextDeadline());
-    EXPECT_EQ(Send(*modem, RangeCommand(0x04, 64000)), "04");
+    EXPECT_EQ(Send(*modem, wire::WriteRangeCommand(64000)), "04");
     EXPECT_EQ(Send(*modem, kWrite), "01");
 
     EXPECT_EQ(Send(*modem, TBytes(firmware.begin(), firmware.begin() + 25599)), "");
@@ -207,7 +207,7 @@ TEST_F(BootProtocolTest, FirmwareOfWholeChunksEndsWithTheStatusNotADot) {
     auto modem = Make();
     const TBytes firmware = Firmware(51200);
     ToCommands(*modem);
-    EXPECT_EQ(Send(*modem, RangeCommand(0x04, 51200)), "04");
+    EXPECT_EQ(Send(*modem, wire::WriteRangeCommand(51200)), "04");
     EXPECT_EQ(Send(*modem, kWrite), "01");
     EXPECT_EQ(Send(*modem, TBytes(firmware.begin(), firmware.begin() + 25600)), "2e");
     EXPECT_EQ(Send(*modem, TBytes(firmware.begin() + 25600, firmware.end())), "");
@@ -218,7 +218,7 @@ TEST_F(BootProtocolTest, FirmwareOfWholeChunksEndsWithTheStatusNotADot) {
 TEST_F(BootProtocolTest, EmptyWriteIsDoneAfterTheProgrammingTime) {
     auto modem = Make();
     ToCommands(*modem);
-    EXPECT_EQ(Send(*modem, RangeCommand(0x04, 0)), "04");
+    EXPECT_EQ(Send(*modem, wire::ReadRangeCommand()), "04");
     EXPECT_EQ(Send(*modem, kWrite), "01");
     EXPECT_EQ(Wait(*modem, 5ms), "30");
     EXPECT_EQ(Send(*modem, kRead), "02") << "the loader takes commands again";
@@ -238,11 +238,11 @@ TEST_F(BootProtocolTest, UnknownCommandByteIsRecordedAndNotAnswered) {
 TEST_F(BootProtocolTest, SecondWriteReplacesWhatTheFirstProgrammed) {
     auto modem = Make();
     ToCommands(*modem);
-    EXPECT_EQ(Send(*modem, RangeCommand(0x04, 3)), "04");
+    EXPECT_EQ(Send(*modem, wire::WriteRangeCommand(3)), "04");
     EXPECT_EQ(Send(*modem, kWrite), "01");
     EXPECT_EQ(Send(*modem, {1, 2, 3}), "");
     EXPECT_EQ(Wait(*modem, 5ms), "30");
-    EXPECT_EQ(Send(*modem, RangeCommand(0x04, 2)), "04");
+    EXPECT_EQ(Send(*modem, wire::WriteRangeCommand(2)), "04");
     EXPECT_EQ(Send(*modem, kWrite), "01");
     EXPECT_EQ(Send(*modem, {9, 8}), "");
     EXPECT_EQ(Wait(*modem, 5ms), "30");
@@ -284,7 +284,7 @@ TEST_F(BootProtocolTest, RandomTrafficOnlyEverGetsProtocolBytesBack) {
                     modem->Receive(byte, m_now);
                 }
                 if (next() % 4 == 0) {
-                    for (uint8_t byte : RangeCommand(0x04, next() % 70000)) {
+                    for (uint8_t byte : wire::WriteRangeCommand(next() % 70000)) {
                         modem->Receive(byte, m_now);
                     }
                 }
@@ -344,12 +344,12 @@ protected:
             !step("loader", Send(modem, kLoader), "30") ||
             !step("baud", Send(modem, kSetBaudrate), "07") ||
             !step("flow", Send(modem, kSetFlowControl), "05") ||
-            !step("read range", Send(modem, RangeCommand(0x04, 0)), "04") ||
+            !step("read range", Send(modem, wire::ReadRangeCommand()), "04") ||
             !step("read", Send(modem, kRead), "02") ||
-            !step("erase range", Send(modem, RangeCommand(0x09, size)), "09") ||
+            !step("erase range", Send(modem, wire::EraseRangeCommand(size)), "09") ||
             !step("erase", Send(modem, kErase), "03") ||
             !step("erase done", Wait(modem, 10s), "30") ||
-            !step("write range", Send(modem, RangeCommand(0x04, size)), "04") ||
+            !step("write range", Send(modem, wire::WriteRangeCommand(size)), "04") ||
             !step("write", Send(modem, kWrite), "01")) {
             return result;
         }

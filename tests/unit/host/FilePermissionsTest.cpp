@@ -10,6 +10,7 @@
 #include "FilePermissions.h"
 #include "Prerequisite.h"
 #include "TemporaryDirectory.h"
+#include "TestFiles.h"
 
 namespace {
 
@@ -32,7 +33,7 @@ std::string Refusal(const std::string& fault, uid_t owner, const std::string& mo
 class FilePermissionsTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        m_file = m_directory.WriteFile("host.ini", "[host]\n");
+        m_file = WriteTestFile(m_directory, "host.ini", "[host]\n");
         ASSERT_EQ(::chmod(m_file.c_str(), 0644), 0);
     }
 
@@ -74,7 +75,7 @@ TEST_F(FilePermissionsTest, AGroupWritableFileIsRefused) {
 
 TEST_F(FilePermissionsTest, AFileInAWorldWritableDirectoryIsRefusedNamingTheDirectory) {
     const std::string shared = MakeDirectory("shared", 0777);
-    const std::string file = m_directory.WriteFile("shared/host.ini", "[host]\n");
+    const std::string file = WriteTestFile(m_directory, "shared/host.ini", "[host]\n");
     const CStatus status = Check(file);
     ASSERT_FALSE(status.IsOk());
     EXPECT_EQ(status.Message(), "refusing the directory " + shared + " of the configuration " +
@@ -84,7 +85,7 @@ TEST_F(FilePermissionsTest, AFileInAWorldWritableDirectoryIsRefusedNamingTheDire
 TEST_F(FilePermissionsTest, AGroupWritableDirectoryHigherUpIsRefused) {
     const std::string outer = MakeDirectory("outer", 0775);
     MakeDirectory("outer/inner", 0755);
-    const std::string file = m_directory.WriteFile("outer/inner/host.ini", "[host]\n");
+    const std::string file = WriteTestFile(m_directory, "outer/inner/host.ini", "[host]\n");
     const CStatus status = Check(file);
     ASSERT_FALSE(status.IsOk());
     EXPECT_EQ(status.Message(), "refusing the directory " + outer + " of the configuration " +
@@ -94,7 +95,7 @@ TEST_F(FilePermissionsTest, AGroupWritableDirectoryHigherUpIsRefused) {
 
 TEST_F(FilePermissionsTest, AStickyWorldWritableDirectoryLikeTmpIsTrusted) {
     MakeDirectory("sticky", 01777);
-    const std::string file = m_directory.WriteFile("sticky/host.ini", "[host]\n");
+    const std::string file = WriteTestFile(m_directory, "sticky/host.ini", "[host]\n");
     ASSERT_EQ(::chmod(file.c_str(), 0600), 0);
     const CStatus status = Check(file);
     EXPECT_TRUE(status.IsOk()) << status.Message();

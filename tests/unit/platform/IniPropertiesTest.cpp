@@ -4,6 +4,7 @@
 
 #include "IniProperties.h"
 #include "TemporaryDirectory.h"
+#include "TestFiles.h"
 
 namespace {
 
@@ -15,16 +16,16 @@ std::string Lookup(const CIniProperties& properties, const std::string& feature,
 
 TEST(IniPropertiesTest, EachSectionHoldsTheKeysOfOneFeature) {
     CTemporaryDirectory directory;
-    const std::string path = directory.WriteFile("host.ini",
-                                                 "[host]\n"
-                                                 "tick_ms = 10\n"
-                                                 "\n"
-                                                 "[modemloader]\n"
-                                                 "control = /sys/class/gpio/gpio7/value\n"
-                                                 "mountpoint=/mnt/movinand\n"
-                                                 "removable = 1\n"
-                                                 "[navigation]\n"
-                                                 "control = /dev/null\n");
+    const std::string path = WriteTestFile(directory, "host.ini",
+                                           "[host]\n"
+                                           "tick_ms = 10\n"
+                                           "\n"
+                                           "[modemloader]\n"
+                                           "control = /sys/class/gpio/gpio7/value\n"
+                                           "mountpoint=/mnt/movinand\n"
+                                           "removable = 1\n"
+                                           "[navigation]\n"
+                                           "control = /dev/null\n");
     CIniProperties properties;
     const CStatus status = properties.Load(path);
     ASSERT_TRUE(status.IsOk()) << status.Message();

@@ -1,4 +1,4 @@
-#include "ScratchDirectory.h"
+#include "TemporaryDirectory.h"
 
 #include <stdlib.h>
 
@@ -9,28 +9,34 @@
 #include <sstream>
 #include <vector>
 
-CScratchDirectory::~CScratchDirectory() {
+namespace {
+CStatus MakeDirectory(const std::string& prefix, std::string& path) {
+    std::vector<char> pattern(prefix.begin(), prefix.end());
+    pattern.insert(pattern.end(), 6, 'X');
+    pattern.push_back('\0');
+    if (::mkdtemp(pattern.data()) == nullptr) {
+        return CStatus::Failure("making a directory from " + prefix +
+                                "XXXXXX: " + std::strerror(errno));
+    }
+    path = pattern.data();
+    return CStatus::Ok();
+}
+}  // namespace
+
+CTemporaryDirectory::CTemporaryDirectory(const std::string& prefix)
+    : m_made(MakeDirectory(prefix, m_path)) {}
+
+CTemporaryDirectory::~CTemporaryDirectory() {
     if (!m_path.empty()) {
         std::error_code ignored;
         std::filesystem::remove_all(m_path, ignored);
     }
 }
 
-CStatus CScratchDirectory::Make(const std::string& prefix) {
-    std::vector<char> pattern(prefix.begin(), prefix.end());
-    for (int count = 0; count < 6; ++count) {
-        pattern.push_back('X');
+CStatus CTemporaryDirectory::WriteFile(const std::string& name, const std::string& content) const {
+    if (!m_made) {
+        return m_made.WithContext("writing " + name);
     }
-    pattern.push_back('\0');
-    if (::mkdtemp(pattern.data()) == nullptr) {
-        return CStatus::Failure("making a directory from " + prefix +
-                                "XXXXXX: " + std::strerror(errno));
-    }
-    m_path = pattern.data();
-    return CStatus::Ok();
-}
-
-CStatus CScratchDirectory::WriteFile(const std::string& name, const std::string& content) const {
     const std::string path = Join(name);
     std::ofstream file(path, std::ios::binary | std::ios::trunc);
     file.write(content.data(), static_cast<std::streamsize>(content.size()));

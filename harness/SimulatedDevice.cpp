@@ -1,38 +1,28 @@
 #include "SimulatedDevice.h"
 
-#include <dirent.h>
 #include <stdlib.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <fstream>
 #include <sstream>
-#include <thread>
 
 #include "ChildProcess.h"
-#include "MountTable.h"
 #include "PseudoRandomBytes.h"
+#include "WireCommands.h"
 
 namespace {
-constexpr char kFeature[] = "modemloader";
-constexpr char kRevisionFile[] = "revision";
-constexpr char kFlagFile[] = "update.flag";
-constexpr char kTargetFolder[] = "update";
+using device::kFeature;
+using device::kFlagFile;
+using device::kRevisionFile;
+using device::kTargetFolder;
 // The loader and the firmware differ even for the same seed.
 constexpr uint64_t kFirmwareSeedOffset = 0x5EED;
 // A loader image that begins with the sync byte cannot be told from a late sync probe.
-constexpr char kSyncByte = 0x16;
+constexpr char kSyncByte = static_cast<char>(wire::kSync);
 // A guard of our own beyond the host's --timeout, for a host that hangs on its way out.
 constexpr double kHostGraceSeconds = 30;
-constexpr auto kLoopDetachTimeout = std::chrono::seconds(5);
-
-TChildResult RunTool(const std::vector<std::string>& arguments) {
-    TChildOptions options;
-    options.timeout = std::chrono::seconds(60);
-    return CChildProcess::Run(arguments, options);
-}
 
 std::string DeviceTreeName(TDeviceTree tree) {
     switch (tree) {
@@ -63,19 +53,11 @@ TDevicePrograms CSimulatedDevice::BuiltPrograms() {
 }
 
 std::string CSimulatedDevice::MissingPrerequisite(const TDevicePrograms& programs) {
-    if (::geteuid() != 0) {
-        return "mounting the device's storage needs root";
-    }
-    if (::access("/dev/loop-control", R_OK | W_OK) != 0) {
-        return "no /dev/loop-control: loop devices are not available";
+    if (const std::string storage = CStorageImage::MissingPrerequisite(); !storage.empty()) {
+        return storage;
     }
     if (::access("/dev/ptmx", R_OK | W_OK) != 0) {
         return "no /dev/ptmx: the modem's serial line needs a pseudo-terminal";
-    }
-    for (const char* program : {"mkfs.ext4", "debugfs"}) {
-        if (!IsInPath(program)) {
-            return std::string(program) + " is not installed (e2fsprogs)";
-        }
     }
     if (!programs.hostLauncher.empty() && !IsInPath(programs.hostLauncher.front())) {
         return programs.hostLauncher.front() + " is not installed, and the host needs it";
@@ -90,22 +72,15 @@ std::string CSimulatedDevice::MissingPrerequisite(const TDevicePrograms& program
 }
 
 CSimulatedDevice::CSimulatedDevice(const TDeviceSettings& settings, const TDevicePrograms& programs)
-    : m_settings(settings), m_programs(programs) {}
+    : m_settings(settings),
+      m_programs(programs),
+      m_directory("/tmp/modemloader-device-"),
+      m_storage(m_directory.Path()) {}
 
 CSimulatedDevice::~CSimulatedDevice() {
     nlohmann::json ignored;
     if (m_modem.IsRunning()) {
         static_cast<void>(m_modem.Stop(PathOf("modem-summary.json"), ignored));
-    }
-    if (!Directory().empty() && IsStorageMounted()) {
-        // A host killed mid-update leaves its mount behind; its loop device is auto-clear and
-        // detaches once the mount is gone.
-        ::umount2(MountPoint().c_str(), MNT_DETACH);
-    }
-    const auto deadline = std::chrono::steady_clock::now() + kLoopDetachTimeout;
-    while (!Directory().empty() && !AttachedLoopDevices().empty() &&
-           std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
 }
 
@@ -127,10 +102,10 @@ std::string CSimulatedDevice::DaemonConfig() {
 std::string CSimulatedDevice::ProductConfig() { return "# product\nvariant = e2e\n"; }
 
 CStatus CSimulatedDevice::Build() {
-    if (CStatus status = m_directory.Make("/tmp/modemloader-device-"); !status) {
+    if (CStatus status = m_directory.Made(); !status) {
         return status;
     }
-    for (const char* folder : {"update", "mnt", "storage-content"}) {
+    for (const char* folder : {"update", "storage-content"}) {
         if (::mkdir(PathOf(folder).c_str(), 0755) != 0) {
             return CStatus::Failure("making " + PathOf(folder));
         }
@@ -182,12 +157,7 @@ CStatus CSimulatedDevice::MakeStorage() {
     // Room for the archive loader's copies of the update beside the file system's own needs.
     const std::size_t needed = 2 * (m_loader.size() + m_firmware.size()) + (8u << 20);
     const std::size_t bytes = std::max(m_settings.storageBytes, needed);
-    const TChildResult made = RunTool({"mkfs.ext4", "-q", "-F", "-d", PathOf("storage-content"),
-                                       Image(), std::to_string(bytes / 1024) + "k"});
-    if (made.exitCode != 0) {
-        return CStatus::Failure("mkfs.ext4 " + Image() + ": " + Describe(made));
-    }
-    return CStatus::Ok();
+    return m_storage.Make(bytes, PathOf("storage-content"));
 }
 
 CStatus CSimulatedDevice::WriteConfig() {
@@ -345,48 +315,20 @@ CStatus CSimulatedDevice::ReadFlash(std::string& content) const {
 
 CStatus CSimulatedDevice::ReadStorageFile(const std::string& relativePath,
                                           std::string& content) const {
-    // "stat" finds only an existing inode; "cat" prints nothing for a missing one.
-    const TChildResult found = RunTool({"debugfs", "-R", "stat /" + relativePath, Image()});
-    if (found.exitCode != 0 || found.out.find("Inode:") == std::string::npos) {
-        return CStatus::Failure("no " + relativePath + " on " + Image());
-    }
-    const TChildResult read = RunTool({"debugfs", "-R", "cat /" + relativePath, Image()});
-    if (read.exitCode != 0) {
-        return CStatus::Failure("debugfs cat /" + relativePath + ": " + Describe(read));
-    }
-    content = read.out;
-    return CStatus::Ok();
+    return m_storage.ReadFromImage(relativePath, content);
 }
 
 std::vector<std::string> CSimulatedDevice::ListStorageFolder(
     const std::string& relativePath) const {
-    const TChildResult listing = RunTool({"debugfs", "-R", "ls -p /" + relativePath, Image()});
-    // One entry a line: /inode/mode/uid/gid/name/size/
-    std::vector<std::string> names;
-    std::istringstream lines(listing.out);
-    std::string line;
-    while (std::getline(lines, line)) {
-        std::vector<std::string> fields;
-        std::istringstream parts(line);
-        std::string part;
-        while (std::getline(parts, part, '/')) {
-            fields.push_back(part);
-        }
-        if (fields.size() < 6) {
-            continue;
-        }
-        const std::string& name = fields[5];
-        const bool topLostFound = relativePath.empty() && name == "lost+found";
-        if (!name.empty() && name != "." && name != ".." && !topLostFound) {
-            names.push_back(name);
-        }
+    std::vector<std::string> names = m_storage.ListImageFolder(relativePath);
+    if (relativePath.empty()) {
+        names.erase(std::remove(names.begin(), names.end(), "lost+found"), names.end());
     }
-    std::sort(names.begin(), names.end());
     return names;
 }
 
-bool CSimulatedDevice::IsStorageMounted() const { return IsMountPoint(MountPoint()); }
+bool CSimulatedDevice::IsStorageMounted() const { return m_storage.IsMounted(); }
 
 std::vector<std::string> CSimulatedDevice::AttachedLoopDevices() const {
-    return LoopDevicesBackedBy(Image());
+    return m_storage.AttachedLoopDevices();
 }

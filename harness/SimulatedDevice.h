@@ -24,8 +24,9 @@
 
 #include "DeviceSettings.h"
 #include "ModemProcess.h"
-#include "ScratchDirectory.h"
 #include "Status.h"
+#include "StorageImage.h"
+#include "TemporaryDirectory.h"
 
 class CSimulatedDevice {
 public:
@@ -57,8 +58,9 @@ public:
     const TDevicePrograms& Programs() const { return m_programs; }
     const std::string& Directory() const { return m_directory.Path(); }
     std::string PathOf(const std::string& name) const { return m_directory.Join(name); }
-    std::string Image() const { return PathOf("movinand.img"); }
-    std::string MountPoint() const { return PathOf("mnt"); }
+    const CStorageImage& Storage() const { return m_storage; }
+    const std::string& Image() const { return m_storage.Image(); }
+    const std::string& MountPoint() const { return m_storage.MountPoint(); }
     std::string ConfigFile() const { return PathOf("host.ini"); }
     std::string TraceFile() const { return PathOf("host-trace.jsonl"); }
     std::string ControlFile() const { return PathOf("control"); }
@@ -99,6 +101,9 @@ private:
     TDevicePrograms m_programs;
     std::string m_loader;
     std::string m_firmware;
-    CScratchDirectory m_directory;  // declared before the modem: it goes last
+    // In this order, so that they go in the reverse one: the modem is stopped, then a mount that
+    // a killed host left is detached, then the directory is removed.
+    CTemporaryDirectory m_directory;
+    CStorageImage m_storage;
     CModemProcess m_modem;
 };

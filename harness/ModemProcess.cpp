@@ -3,9 +3,8 @@
 #include <signal.h>
 #include <sys/stat.h>
 
-#include <thread>
-
-#include "ScratchDirectory.h"
+#include "Await.h"
+#include "TemporaryDirectory.h"
 
 namespace {
 constexpr auto kStartTimeout = std::chrono::seconds(10);
@@ -39,23 +38,24 @@ CStatus CModemProcess::Start(const std::vector<std::string>& arguments, const st
         return status.WithContext("starting modem-sim");
     }
 
-    const auto deadline = std::chrono::steady_clock::now() + kStartTimeout;
-    for (;;) {
-        struct stat link {};
-        if (::lstat(linkPath.c_str(), &link) == 0) {
-            return CStatus::Ok();
-        }
-        if (m_process.TryReap()) {
-            return CStatus::Failure("starting modem-sim: it ended before making " + linkPath +
-                                    LogOf(m_logPath));
-        }
-        if (std::chrono::steady_clock::now() >= deadline) {
-            Terminate();
-            return CStatus::Failure("starting modem-sim: no " + linkPath + " within 10 s" +
-                                    LogOf(m_logPath));
-        }
-        std::this_thread::sleep_for(kPollInterval);
+    bool ended = false;
+    const bool linked = Await(
+        [&] {
+            struct stat link {};
+            ended = ::lstat(linkPath.c_str(), &link) != 0 && m_process.TryReap().has_value();
+            return ended || ::lstat(linkPath.c_str(), &link) == 0;
+        },
+        kStartTimeout, kPollInterval);
+    if (ended) {
+        return CStatus::Failure("starting modem-sim: it ended before making " + linkPath +
+                                LogOf(m_logPath));
     }
+    if (!linked) {
+        Terminate();
+        return CStatus::Failure("starting modem-sim: no " + linkPath + " within 10 s" +
+                                LogOf(m_logPath));
+    }
+    return CStatus::Ok();
 }
 
 bool CModemProcess::Terminate() {

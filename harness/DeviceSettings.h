@@ -10,6 +10,14 @@
 #include <string>
 #include <vector>
 
+// The names the device's configuration gives the feature and its files on the storage.
+namespace device {
+constexpr char kFeature[] = "modemloader";
+constexpr char kRevisionFile[] = "revision";  // "revisionfile"
+constexpr char kFlagFile[] = "update.flag";   // "flagfile"
+constexpr char kTargetFolder[] = "update";    // "targetfolder"
+}  // namespace device
+
 // What "/dev/fdtexport" holds on the device.
 enum class TDeviceTree {
     eHasGprs1,        // "/features" with "has-gprs" = <1>: an integrated GPRS modem

@@ -6,7 +6,7 @@
 // 6 s pulse takes 6 ms and a 1.25 s acknowledge window 1.25 ms while the threads still
 // interleave as they would.
 //
-// Never link it into the test host: every test executable would lose the real sleeps.
+// Only the executables that want it link it: every other one keeps the real sleeps.
 
 #include <cstdint>
 #include <functional>

@@ -11,13 +11,12 @@
 #include <vector>
 
 #include "MountTable.h"
-#include "ParseArguments.h"
+#include "DeviceProgram.h"
 #include "SimulatedDevice.h"
 
 namespace {
 constexpr char kProgram[] = "modemloader-demo";
-constexpr int kExitFailed = 1;
-constexpr int kExitUsage = 2;
+constexpr int kExitFailed = kDeviceProgramFailed;
 
 struct TDemoOptions {
     std::size_t firmwareBytes = 1u << 20;
@@ -140,20 +139,9 @@ private:
 
 int main(int argc, char** argv) {
     TDemoOptions options;
-    std::string error;
-    std::string help;
-    if (!ParseOptions(argc, argv, options, error, help)) {
-        std::fprintf(stderr, "%s: %s (see %s --help)\n", kProgram, error.c_str(), kProgram);
-        return kExitUsage;
-    }
-    if (options.help) {
-        std::fputs(help.c_str(), stdout);
-        return 0;
-    }
-    const std::string missing = CSimulatedDevice::MissingPrerequisite();
-    if (!missing.empty()) {
-        std::fprintf(stderr, "%s: cannot make a device here: %s\n", kProgram, missing.c_str());
-        return kExitFailed;
+    if (const std::optional<int> exit =
+            StartDeviceProgram(kProgram, argc, argv, ParseOptions, options)) {
+        return *exit;
     }
 
     TDeviceSettings settings;

@@ -1,0 +1,10 @@
+#include "TestFiles.h"
+
+#include <gtest/gtest.h>
+
+std::string WriteTestFile(const CTemporaryDirectory& directory, const std::string& name,
+                          const std::string& content) {
+    const CStatus written = directory.WriteFile(name, content);
+    EXPECT_TRUE(written) << written.Message();
+    return directory.Join(name);
+}

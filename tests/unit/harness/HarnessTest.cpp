@@ -1,0 +1,121 @@
+// The harness's own pieces: temporary directories, Await, the boot protocol's bytes and the
+// ext4 storage image that the tests, the demo and the benchmarks stand on.
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <chrono>
+#include <filesystem>
+
+#include "Await.h"
+#include "Prerequisite.h"
+#include "StorageImage.h"
+#include "TemporaryDirectory.h"
+#include "WireCommands.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+TEST(TemporaryDirectoryTest, IsMadeUnderItsPrefixAndRemovedWithItsContents) {
+    std::string path;
+    {
+        CTemporaryDirectory directory("/tmp/modemloader-harness-");
+        ASSERT_TRUE(directory.Made()) << directory.Made().Message();
+        path = directory.Path();
+        EXPECT_EQ(path.rfind("/tmp/modemloader-harness-", 0), 0u);
+        EXPECT_EQ(path.size(), std::string("/tmp/modemloader-harness-").size() + 6);
+        ASSERT_TRUE(directory.WriteFile("note.txt", "kept\n"));
+        std::string content;
+        ASSERT_TRUE(ReadWholeFile(directory.Join("note.txt"), content));
+        EXPECT_EQ(content, "kept\n");
+    }
+    EXPECT_FALSE(std::filesystem::exists(path));
+}
+
+TEST(TemporaryDirectoryTest, OneThatCouldNotBeMadeSaysWhyAndWritesNothing) {
+    CTemporaryDirectory directory("/nonexistent-modemloader-folder/x-");
+    EXPECT_FALSE(directory.Made());
+    EXPECT_EQ(directory.Made().Message(),
+              "making a directory from /nonexistent-modemloader-folder/x-XXXXXX: No such file or "
+              "directory");
+    EXPECT_EQ(directory.Path(), "");
+    const CStatus written = directory.WriteFile("note.txt", "x");
+    EXPECT_FALSE(written);
+    EXPECT_EQ(written.Message(), "writing note.txt: " + directory.Made().Message());
+    EXPECT_FALSE(std::filesystem::exists("/note.txt"));
+}
+
+TEST(ReadWholeFileTest, AMissingFileFailsWithItsPath) {
+    std::string content = "unchanged";
+    const CStatus read = ReadWholeFile("/nonexistent-modemloader-file", content);
+    EXPECT_EQ(read.Message(), "reading /nonexistent-modemloader-file: No such file or directory");
+    EXPECT_EQ(content, "unchanged");
+}
+
+TEST(AwaitTest, ReturnsOnceTheConditionHolds) {
+    int asked = 0;
+    EXPECT_TRUE(Await([&] { return ++asked == 3; }, 10s));
+    EXPECT_EQ(asked, 3);
+}
+
+TEST(AwaitTest, GivesUpWhenTheTimeOutHasPassed) {
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_FALSE(Await([] { return false; }, 30ms));
+    EXPECT_GE(std::chrono::steady_clock::now() - start, 30ms);
+}
+
+TEST(WireCommandsTest, RangeCommandsNameTheFlashBaseAndTheLengthLittleEndian) {
+    EXPECT_EQ(wire::WriteRangeCommand(0x01020304),
+              (wire::TBytes{0x04, 0x00, 0x00, 0x00, 0x90, 0x04, 0x03, 0x02, 0x01}));
+    EXPECT_EQ(wire::EraseRangeCommand(64000),
+              (wire::TBytes{0x09, 0x00, 0x00, 0x00, 0x90, 0x00, 0xFA, 0x00, 0x00}));
+    EXPECT_EQ(wire::ReadRangeCommand(), (wire::TBytes{0x04, 0x00, 0x00, 0x00, 0x90, 0, 0, 0, 0}));
+}
+
+TEST(WireCommandsTest, TheLineIsSetTo115200BaudWithoutFlowControl) {
+    EXPECT_EQ(wire::BaudrateCommand(), (wire::TBytes{0x07, 0x00, 0xC2, 0x01, 0x00}));
+    EXPECT_EQ(wire::FlowControlCommand(), (wire::TBytes{0x05, 0x00}));
+}
+
+class StorageImageTest : public testing::Test {
+protected:
+    void SetUp() override {
+        if (const std::string missing = CStorageImage::MissingPrerequisite(); !missing.empty()) {
+            MODEMLOADER_MISSING_PREREQUISITE(missing);
+        }
+    }
+};
+
+TEST_F(StorageImageTest, HoldsTheContentFolderAndHasAnEmptyMountPoint) {
+    CTemporaryDirectory folder;
+    ASSERT_TRUE(folder.Made());
+    ASSERT_EQ(::mkdir(folder.Join("content").c_str(), 0755), 0);
+    ASSERT_TRUE(folder.WriteFile("content/revision", "100"));
+    CStorageImage storage(folder.Path());
+    const CStatus made = storage.Make(8 << 20, folder.Join("content"));
+    ASSERT_TRUE(made) << made.Message();
+
+    EXPECT_EQ(storage.Image(), folder.Join("movinand.img"));
+    EXPECT_EQ(std::filesystem::file_size(storage.Image()), 8u << 20);
+    EXPECT_TRUE(std::filesystem::is_empty(storage.MountPoint()));
+    EXPECT_EQ(storage.ListImageFolder(""), (std::vector<std::string>{"lost+found", "revision"}));
+    std::string revision;
+    ASSERT_TRUE(storage.ReadFromImage("revision", revision));
+    EXPECT_EQ(revision, "100");
+    EXPECT_FALSE(storage.IsMounted());
+    EXPECT_TRUE(storage.AttachedLoopDevices().empty());
+}
+
+TEST_F(StorageImageTest, AFileThatIsNotOnTheImageCannotBeRead) {
+    CStorageImage storage(4u << 20);
+    ASSERT_TRUE(storage.Made()) << storage.Made().Message();
+    std::string content;
+    const CStatus read = storage.ReadFromImage("revision", content);
+    EXPECT_EQ(read.Message(), "no revision on " + storage.Image());
+    const CStatus folder = storage.MakeFolderOnImage("update");
+    ASSERT_TRUE(folder) << folder.Message();
+    EXPECT_EQ(storage.ListImageFolder(""), (std::vector<std::string>{"lost+found", "update"}));
+}
+
+}  // namespace
