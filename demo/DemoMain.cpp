@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "MountTable.h"
 #include "DeviceProgram.h"
+#include "MountTable.h"
 #include "SimulatedDevice.h"
 
 namespace {
