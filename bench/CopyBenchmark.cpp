@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <chrono>
 
+#include "ChildProcess.h"
 #include "PseudoRandomBytes.h"
 
 namespace {
