@@ -40,6 +40,7 @@
 #include "ModemProcess.h"
 #include "Prerequisite.h"
 #include "SimulatedDevice.h"
+#include "TestFiles.h"
 
 namespace {
 constexpr int kKillPoints = 20;
@@ -93,11 +94,6 @@ struct TKilledRun {
     }
 };
 
-std::string WholeFile(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return std::string((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-}
-
 std::size_t LineCount(const std::string& text) {
     return static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n'));
 }
@@ -125,7 +121,7 @@ bool Reached(const CSimulatedDevice& device, const TKillPoint& point) {
     if (point.copiedBytes > 0) {
         return CopiedBytes(device) >= point.copiedBytes;
     }
-    const std::string trace = WholeFile(device.TraceFile());
+    const std::string trace = ReadTestFile(device.TraceFile());
     return point.traceLines > 0 ? LineCount(trace) >= point.traceLines
                                 : trace.find(point.marker) != std::string::npos;
 }
@@ -164,7 +160,7 @@ testing::AssertionResult RunAndKill(CSimulatedDevice& device, const TKillPoint& 
                                                << " within " << kHostRunLimit.count() << " s";
         }
     }
-    run.trace = WholeFile(device.TraceFile());
+    run.trace = ReadTestFile(device.TraceFile());
     return testing::AssertionSuccess();
 }
 
@@ -177,7 +173,7 @@ bool ReadStorageAfterKill(const CSimulatedDevice& device, const std::string& rel
         if (!FileExists(path)) {
             return false;
         }
-        content = WholeFile(path);
+        content = ReadTestFile(path);
         return true;
     }
     return static_cast<bool>(device.ReadStorageFile(relativePath, content));

@@ -8,3 +8,8 @@ std::string WriteTestFile(const CTemporaryDirectory& directory, const std::strin
     EXPECT_TRUE(written) << written.Message();
     return directory.Join(name);
 }
+
+std::string ReadTestFile(const std::string& path) {
+    std::string content;
+    return ReadWholeFile(path, content) ? content : std::string();
+}

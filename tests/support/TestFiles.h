@@ -9,3 +9,6 @@
 // Writes `content` to `directory`/name and returns that path.
 std::string WriteTestFile(const CTemporaryDirectory& directory, const std::string& name,
                           const std::string& content);
+
+// The whole content of `path`; empty when it cannot be read (a file the test expects absent).
+std::string ReadTestFile(const std::string& path);

@@ -19,6 +19,7 @@
 #include "LogCapture.h"
 #include "MapProperties.h"
 #include "Prerequisite.h"
+#include "PseudoRandomBytes.h"
 #include "RecordingEventBroker.h"
 #include "RecordingLoaderCallback.h"
 #include "StorageImage.h"
@@ -29,15 +30,6 @@ namespace {
 
 const std::string kFeature = "modemloader";
 constexpr std::size_t kMiB = 1024 * 1024;
-
-std::string RandomBytes(std::size_t size, unsigned seed) {
-    std::mt19937 generator(seed);
-    std::string bytes(size, '\0');
-    for (char& byte : bytes) {
-        byte = static_cast<char>(generator() & 0xff);
-    }
-    return bytes;
-}
 
 struct TLine {
     logging::categories::TCategory category;
@@ -72,8 +64,8 @@ protected:
 
     // The four update files in a source folder, and the properties that name them and `storage`.
     void PrepareUpdate(const CStorageImage& storage, std::size_t firmwareBytes = 1 * kMiB) {
-        m_sources = {{"boot.bin", RandomBytes(64 * 1024 + 3, 1)},
-                     {"firmware.bin", RandomBytes(firmwareBytes, 2)},
+        m_sources = {{"boot.bin", PseudoRandomBytes(64 * 1024 + 3, 1)},
+                     {"firmware.bin", PseudoRandomBytes(firmwareBytes, 2)},
                      {"daemon.conf", "[daemon]\nlevel=2\n"},
                      {"product.conf", "[product]\nvariant=gprs\n"}};
         for (const auto& [name, content] : m_sources) {
@@ -239,7 +231,7 @@ TEST_F(ArchiveLoaderStorageTest, StorageWithoutFileSystemIsNotMountedAndNoLoopDe
     ASSERT_TRUE(storage.Made()) << storage.Made().Message();
     {
         std::ofstream garbage(storage.Image(), std::ios::binary | std::ios::trunc);
-        garbage << RandomBytes(4 * kMiB, 9);
+        garbage << PseudoRandomBytes(4 * kMiB, 9);
     }
     PrepareUpdate(storage);
     Install();

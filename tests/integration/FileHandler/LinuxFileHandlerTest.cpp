@@ -19,6 +19,7 @@
 #include "LoopDevice.h"
 #include "MountTable.h"
 #include "Prerequisite.h"
+#include "PseudoRandomBytes.h"
 #include "StorageImage.h"
 #include "TemporaryDirectory.h"
 #include "TestFiles.h"
@@ -27,22 +28,6 @@ namespace {
 
 const unsigned char* Bytes(const std::string& text) {
     return reinterpret_cast<const unsigned char*>(text.c_str());
-}
-
-std::string RandomBytes(std::size_t size, unsigned seed) {
-    std::mt19937 generator(seed);
-    std::string bytes(size, '\0');
-    for (char& byte : bytes) {
-        byte = static_cast<char>(generator() & 0xff);
-    }
-    return bytes;
-}
-
-std::string ReadFile(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    std::ostringstream content;
-    content << file.rdbuf();
-    return content.str();
 }
 
 bool Exists(const std::string& path) {
@@ -92,11 +77,11 @@ TEST_F(LinuxFileHandlerTest, MakeFolderFailsWithContextWhenTheParentIsMissingOrA
 }
 
 TEST_F(LinuxFileHandlerTest, CopyFileCopiesEveryByteAndTheSourcePermissions) {
-    const std::string content = RandomBytes(3 * 1024 * 1024 + 17, 1);
+    const std::string content = PseudoRandomBytes(3 * 1024 * 1024 + 17, 1);
     const std::string source = WriteTestFile(m_directory, "firmware.bin", content);
     ASSERT_EQ(chmod(source.c_str(), 0640), 0);
     EXPECT_EQ(IFileHandler::CopyFile(Bytes(source), Bytes(Path("copy.bin"))), 0);
-    EXPECT_EQ(ReadFile(Path("copy.bin")), content);
+    EXPECT_EQ(ReadTestFile(Path("copy.bin")), content);
     struct stat status;
     ASSERT_EQ(stat(Path("copy.bin").c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 0777, 0640u);
@@ -106,23 +91,23 @@ TEST_F(LinuxFileHandlerTest, CopyFileReplacesALongerDestinationCompletely) {
     const std::string source = WriteTestFile(m_directory, "short", "new");
     const std::string destination = WriteTestFile(m_directory, "long", std::string(10000, 'o'));
     EXPECT_EQ(IFileHandler::CopyFile(Bytes(source), Bytes(destination)), 0);
-    EXPECT_EQ(ReadFile(destination), "new");
+    EXPECT_EQ(ReadTestFile(destination), "new");
 }
 
 TEST_F(LinuxFileHandlerTest, CopyFileOfAnEmptyFileMakesAnEmptyFile) {
     const std::string source = WriteTestFile(m_directory, "empty", "");
     EXPECT_EQ(IFileHandler::CopyFile(Bytes(source), Bytes(Path("copy"))), 0);
     ASSERT_TRUE(Exists(Path("copy")));
-    EXPECT_EQ(ReadFile(Path("copy")), "");
+    EXPECT_EQ(ReadTestFile(Path("copy")), "");
 }
 
 TEST_F(LinuxFileHandlerTest, CopyFileReadsFilesThatReportNoSize) {
     // /proc files report a size of 0; the kernel's copy yields nothing for them.
-    const std::string expected = ReadFile("/proc/version");
+    const std::string expected = ReadTestFile("/proc/version");
     ASSERT_FALSE(expected.empty());
     EXPECT_EQ(IFileHandler::CopyFile(Bytes(std::string("/proc/version")), Bytes(Path("version"))),
               0);
-    EXPECT_EQ(ReadFile(Path("version")), expected);
+    EXPECT_EQ(ReadTestFile(Path("version")), expected);
 }
 
 TEST_F(LinuxFileHandlerTest, CopyFileFromAMissingSourceFailsAndCreatesNothing) {
@@ -144,7 +129,7 @@ TEST_F(LinuxFileHandlerTest, CopyFileIntoAMissingFolderFails) {
 TEST_F(LinuxFileHandlerTest, CopyFileOntoItselfFailsAndKeepsTheFile) {
     const std::string source = WriteTestFile(m_directory, "boot.bin", "keep me");
     EXPECT_NE(IFileHandler::CopyFile(Bytes(source), Bytes(source)), 0);
-    EXPECT_EQ(ReadFile(source), "keep me");
+    EXPECT_EQ(ReadTestFile(source), "keep me");
 }
 
 TEST_F(LinuxFileHandlerTest, CopyFileOfAFolderFails) {
@@ -234,7 +219,7 @@ TEST_F(LinuxFileHandlerStorageTest, MountAttachesTheImageToOneLoopDeviceAndUmoun
     EXPECT_TRUE(storage.IsMounted());
     EXPECT_EQ(storage.AttachedLoopDevices().size(), 1u);
 
-    const std::string content = RandomBytes(200000, 2);
+    const std::string content = PseudoRandomBytes(200000, 2);
     const std::string source = WriteTestFile(m_directory, "firmware.bin", content);
     EXPECT_EQ(IFileHandler::MakeFolder(Bytes(storage.MountPoint() + "/update")), 0);
     EXPECT_EQ(
@@ -274,7 +259,7 @@ TEST_F(LinuxFileHandlerStorageTest, MountOfAnImageWithoutFileSystemFailsAndDetac
     ASSERT_TRUE(storage.Made()) << storage.Made().Message();
     {
         std::ofstream garbage(storage.Image(), std::ios::binary | std::ios::trunc);
-        garbage << RandomBytes(4 * 1024 * 1024, 3);
+        garbage << PseudoRandomBytes(4 * 1024 * 1024, 3);
     }
     EXPECT_NE(MountStorage(storage), 0);
     EXPECT_EQ(m_handler.LastError().rfind("mounting " + storage.Image() + " on " +
@@ -317,7 +302,8 @@ TEST_F(LinuxFileHandlerStorageTest, UmountOfAPathThatIsNotMountedFails) {
 TEST_F(LinuxFileHandlerStorageTest, CopyOntoAFullFileSystemFailsAndLeavesNoPartialFile) {
     CStorageImage storage(2 * 1024 * 1024);
     ASSERT_TRUE(storage.Made()) << storage.Made().Message();
-    const std::string source = WriteTestFile(m_directory, "firmware.bin", RandomBytes(4 << 20, 4));
+    const std::string source =
+        WriteTestFile(m_directory, "firmware.bin", PseudoRandomBytes(4 << 20, 4));
     const std::string destination = storage.MountPoint() + "/firmware.bin";
     ASSERT_EQ(MountStorage(storage), 0) << m_handler.LastError();
     EXPECT_NE(IFileHandler::CopyFile(Bytes(source), Bytes(destination)), 0);

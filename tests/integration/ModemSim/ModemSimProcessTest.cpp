@@ -20,6 +20,7 @@
 #include "Prerequisite.h"
 #include "Sha256.h"
 #include "TemporaryDirectory.h"
+#include "TestFiles.h"
 #include "UniqueFd.h"
 #include "WireCommands.h"
 
@@ -29,11 +30,6 @@ using namespace std::chrono_literals;
 using TBytes = std::vector<uint8_t>;
 
 const std::string kModemSim = MODEM_SIM_PATH;
-
-std::string ReadText(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
-}
 
 void WriteBytes(const std::string& path, const TBytes& bytes) {
     std::ofstream file(path, std::ios::binary | std::ios::trunc);
@@ -109,7 +105,7 @@ protected:
     void StartModem(const std::vector<std::string>& extra = {}) {
         ASSERT_TRUE(StartProgram(Arguments(extra)));
         ASSERT_TRUE(Await([&] { return std::filesystem::is_symlink(Path("ttyModem")); }, 10s))
-            << ReadText(Path("stderr.txt"));
+            << ReadTestFile(Path("stderr.txt"));
         ASSERT_TRUE(m_line.Open(Path("ttyModem")));
     }
 
@@ -121,7 +117,7 @@ protected:
     }
 
     bool AwaitReady(char level, std::chrono::milliseconds timeout = 10s) {
-        return Await([&] { return ReadText(Path("ready")) == std::string(1, level) + "\n"; },
+        return Await([&] { return ReadTestFile(Path("ready")) == std::string(1, level) + "\n"; },
                      timeout);
     }
 
@@ -134,8 +130,8 @@ protected:
     nlohmann::json Stop(int signal = SIGTERM) {
         EXPECT_TRUE(m_modem.Signal(signal));
         const auto status = ExitCode(10s);
-        EXPECT_EQ(status, std::optional<int>(0)) << ReadText(Path("stderr.txt"));
-        return nlohmann::json::parse(ReadText(Path("summary.json")), nullptr, false);
+        EXPECT_EQ(status, std::optional<int>(0)) << ReadTestFile(Path("stderr.txt"));
+        return nlohmann::json::parse(ReadTestFile(Path("summary.json")), nullptr, false);
     }
 
     CTemporaryDirectory m_directory;
@@ -147,18 +143,18 @@ protected:
 TEST_F(ModemSimProcessTest, HelpPrintsTheUsageAndExitsZero) {
     ASSERT_TRUE(StartProgram({"--help"}));
     EXPECT_EQ(ExitCode(10s), std::optional<int>(0));
-    const std::string help = ReadText(Path("stdout.txt"));
+    const std::string help = ReadTestFile(Path("stdout.txt"));
     EXPECT_EQ(help.rfind("Plays the modem at the other end of a pseudo-terminal", 0), 0u) << help;
     EXPECT_NE(help.find("Usage: modem-sim [OPTIONS]"), std::string::npos) << help;
     EXPECT_NE(help.find("--link PATH"), std::string::npos) << help;
     EXPECT_NE(help.find("--fault NAME[=ARG]"), std::string::npos) << help;
-    EXPECT_EQ(ReadText(Path("stderr.txt")), "");
+    EXPECT_EQ(ReadTestFile(Path("stderr.txt")), "");
 }
 
 TEST_F(ModemSimProcessTest, BadArgumentExitsTwoWithTheReason) {
     ASSERT_TRUE(StartProgram(Arguments({"--fault", "explode"})));
     EXPECT_EQ(ExitCode(10s), std::optional<int>(2));
-    EXPECT_EQ(ReadText(Path("stderr.txt")),
+    EXPECT_EQ(ReadTestFile(Path("stderr.txt")),
               "modem-sim: fault \"explode\": unknown fault\nTry 'modem-sim --help'.\n");
     EXPECT_FALSE(std::filesystem::exists(Path("ttyModem")));
 }
@@ -167,15 +163,15 @@ TEST_F(ModemSimProcessTest, EmptyLoaderIsRefusedAtStart) {
     WriteBytes(Path("loader.bin"), {});
     ASSERT_TRUE(StartProgram(Arguments({})));
     EXPECT_EQ(ExitCode(10s), std::optional<int>(1));
-    EXPECT_EQ(ReadText(Path("stderr.txt")),
+    EXPECT_EQ(ReadTestFile(Path("stderr.txt")),
               "modem-sim: reading the loader " + Path("loader.bin") +
                   ": it is empty, and the boot code needs at least one byte\n");
 }
 
 TEST_F(ModemSimProcessTest, StartsOffWithAReleasedPinAndLinksAPseudoTerminal) {
     StartModem();
-    EXPECT_EQ(ReadText(Path("control")), "1\n") << "created so the host finds its control pin";
-    EXPECT_EQ(ReadText(Path("ready")), "0\n");
+    EXPECT_EQ(ReadTestFile(Path("control")), "1\n") << "created so the host finds its control pin";
+    EXPECT_EQ(ReadTestFile(Path("ready")), "0\n");
     EXPECT_EQ(std::filesystem::read_symlink(Path("ttyModem")).string().rfind("/dev/pts/", 0), 0u);
     const nlohmann::json summary = Stop();
     EXPECT_EQ(summary["power_ups"], 0);
@@ -203,10 +199,10 @@ TEST_F(ModemSimProcessTest, WholeUpdateLeavesTheFirmwareInTheFlashAndTheSummary)
     EXPECT_EQ(Exchange(TBytes(firmware.begin(), firmware.begin() + 25600), 1), TBytes{'.'});
     EXPECT_EQ(Exchange(TBytes(firmware.begin() + 25600, firmware.begin() + 51200), 1), TBytes{'.'});
     EXPECT_EQ(Exchange(TBytes(firmware.begin() + 51200, firmware.end()), 1), TBytes{'0'});
-    EXPECT_EQ(ReadText(Path("ready")), "1\n") << "the held pin never switches it off";
+    EXPECT_EQ(ReadTestFile(Path("ready")), "1\n") << "the held pin never switches it off";
 
     const nlohmann::json summary = Stop();
-    const std::string flashed = ReadText(Path("flash.bin"));
+    const std::string flashed = ReadTestFile(Path("flash.bin"));
     EXPECT_EQ(TBytes(flashed.begin(), flashed.end()), firmware);
     CSha256 digest;
     digest.Update(firmware.data(), firmware.size());
@@ -227,7 +223,7 @@ TEST_F(ModemSimProcessTest, WholeUpdateLeavesTheFirmwareInTheFlashAndTheSummary)
     };
     EXPECT_EQ(summary, expected) << summary.dump(2);
 
-    const std::string trace = ReadText(Path("trace.txt"));
+    const std::string trace = ReadTestFile(Path("trace.txt"));
     EXPECT_NE(trace.find(" pin 0\n"), std::string::npos) << trace.substr(0, 2000);
     EXPECT_NE(trace.find(" power on\n"), std::string::npos);
     EXPECT_NE(trace.find(" host>modem 07 00 c2 01 00\n"), std::string::npos);
@@ -250,7 +246,7 @@ TEST_F(ModemSimProcessTest, LoaderStatusFaultIsTheOnlyAnswerToTheDownload) {
 // which switches it off after 5 s; the next press powers it up into its boot code.
 TEST_F(ModemSimProcessTest, InitiallyOnModemIsSwitchedOffByAFiveSecondPress) {
     StartModem({"--initially-on"});
-    EXPECT_EQ(ReadText(Path("ready")), "1\n");
+    EXPECT_EQ(ReadTestFile(Path("ready")), "1\n");
     EXPECT_EQ(Exchange({wire::kSync}, 1, 200ms), TBytes{}) << "firmware, not boot code: no echo";
 
     const auto pressed = std::chrono::steady_clock::now();
@@ -260,8 +256,9 @@ TEST_F(ModemSimProcessTest, InitiallyOnModemIsSwitchedOffByAFiveSecondPress) {
     SetPin('1');
     // The pin is a file sampled on change: a release is only seen if it lasts until the modem
     // has read it, as the loader's one-second pauses ensure.
-    ASSERT_TRUE(Await(
-        [&] { return ReadText(Path("trace.txt")).find(" pin 1\n") != std::string::npos; }, 10s));
+    ASSERT_TRUE(
+        Await([&] { return ReadTestFile(Path("trace.txt")).find(" pin 1\n") != std::string::npos; },
+              10s));
     SetPin('0');
     ASSERT_TRUE(AwaitReady('1'));
     EXPECT_EQ(Exchange({wire::kSync}, 1), TBytes{wire::kSync});
@@ -309,7 +306,7 @@ TEST_F(ModemSimProcessTest, FailedAttemptSwitchOffAndRetryReachTheSecondPowerUp)
     StartModem({"--fault", "sync-after=2", "--power-on-ms", "100", "--boot-window-ms", "2000"});
     const auto setPin = [&](char level) { SetPin(level); };
     const auto releasesSeen = [&] {
-        const std::string trace = ReadText(Path("trace.txt"));
+        const std::string trace = ReadTestFile(Path("trace.txt"));
         size_t count = 0;
         for (size_t at = trace.find(" pin 1\n"); at != std::string::npos;
              at = trace.find(" pin 1\n", at + 1)) {
@@ -321,7 +318,7 @@ TEST_F(ModemSimProcessTest, FailedAttemptSwitchOffAndRetryReachTheSecondPowerUp)
     EXPECT_FALSE(SyncAttempt(m_line, setPin));
     SetPin('1');
     ASSERT_TRUE(Await([&] { return releasesSeen() == 1; }, 10s));
-    EXPECT_EQ(ReadText(Path("ready")), "1\n") << "the first press switched it on";
+    EXPECT_EQ(ReadTestFile(Path("ready")), "1\n") << "the first press switched it on";
     SetPin('0');
     ASSERT_TRUE(AwaitReady('0', 10s));
     SetPin('1');

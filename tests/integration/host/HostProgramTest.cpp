@@ -27,13 +27,6 @@ using namespace std::chrono_literals;
 
 constexpr char kLogFile[] = "features/component/ModemLoader/src/ModemLoader";
 
-std::string ReadText(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    std::stringstream content;
-    content << file.rdbuf();
-    return content.str();
-}
-
 std::vector<json> ReadTrace(const std::string& path) {
     std::vector<json> lines;
     std::ifstream file(path);
@@ -356,13 +349,13 @@ TEST_F(HostProgramTest, AWorldWritableConfigurationIsRefused) {
     EXPECT_EQ(result.err,
               PermissionRefusal("the configuration " + config, "is writable by others", "0666"));
     EXPECT_EQ(result.out, "");
-    EXPECT_EQ(ReadText(Path("trace.jsonl")), "") << "nothing may run before the refusal";
+    EXPECT_EQ(ReadTestFile(Path("trace.jsonl")), "") << "nothing may run before the refusal";
 }
 
 TEST_F(HostProgramTest, AGroupWritablePluginIsRefused) {
     const std::string config = WriteConfig();
     const std::string plugin = Path("libmodemloader.so");
-    const std::string bytes = ReadText(MODEMLOADER_PLUGIN);
+    const std::string bytes = ReadTestFile(MODEMLOADER_PLUGIN);
     ASSERT_FALSE(bytes.empty());
     WriteTestFile(m_directory, "libmodemloader.so", bytes);
     ASSERT_EQ(::chmod(plugin.c_str(), 0664), 0);
@@ -381,7 +374,7 @@ TEST_F(HostProgramTest, AConfigurationInAWorldWritableDirectoryIsRefused) {
     ASSERT_EQ(::mkdir(shared.c_str(), 0700), 0);
     ASSERT_EQ(::chmod(shared.c_str(), 0777), 0);
     const std::string config =
-        WriteTestFile(m_directory, "shared/host.ini", ReadText(WriteConfig()));
+        WriteTestFile(m_directory, "shared/host.ini", ReadTestFile(WriteConfig()));
     const TChildResult result = RunUpdate(config);
     EXPECT_EQ(result.exitCode, 2) << Describe(result);
     EXPECT_EQ(result.err,
@@ -526,7 +519,7 @@ TEST_F(HostProgramTest, TraceLinesCarryTheirFieldsInOrder) {
                          {"file", kLogFile},
                          {"text", "Couldn't mount " + Path("absent-device")}}));
     // Keys in the documented order: "t" and "kind" first.
-    const std::string firstLine = ReadText(Path("trace.jsonl")).substr(0, 20);
+    const std::string firstLine = ReadTestFile(Path("trace.jsonl")).substr(0, 20);
     EXPECT_EQ(firstLine.rfind("{\"t\":", 0), 0u) << firstLine;
 }
 

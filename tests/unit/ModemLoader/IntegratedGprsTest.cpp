@@ -13,6 +13,7 @@
 
 #include "FdtExportInterposer.h"
 #include "ModuleTestHost.h"
+#include "TestFiles.h"
 
 namespace moduletest {
 namespace {
@@ -160,11 +161,6 @@ TEST_F(IntegratedGprsTest, EmbeddedLineEndsAreLoggedInsideTheParentheses) {
 }
 
 // Corrupt blobs, made from a good one: each is treated like a tree without "/features".
-std::string ReadFile(const std::string& path) {
-    std::ifstream stream(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>());
-}
-
 void PutBigEndian(std::string& blob, std::size_t offset, uint32_t value) {
     for (int index = 0; index < 4; ++index) {
         blob[offset + static_cast<std::size_t>(index)] =
@@ -250,7 +246,7 @@ class CorruptBlobTest : public IntegratedGprsTest,
                         public ::testing::WithParamInterface<TCorruption> {};
 
 TEST_P(CorruptBlobTest, IsTreatedLikeATreeWithoutTheFeaturesNode) {
-    const std::string good = ReadFile(Blob("has-gprs-1"));
+    const std::string good = ReadTestFile(Blob("has-gprs-1"));
     ASSERT_GT(good.size(), 64u);
     const std::string path = ::testing::TempDir() + "corrupt-" + GetParam().name + ".dtb";
     {

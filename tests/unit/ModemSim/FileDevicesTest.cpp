@@ -17,16 +17,12 @@
 #include "Summary.h"
 #include "SymbolicLink.h"
 #include "TemporaryDirectory.h"
+#include "TestFiles.h"
 #include "WireTrace.h"
 
 namespace {
 
 using namespace std::chrono_literals;
-
-std::string ReadText(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
-}
 
 void WriteText(const std::string& path, const std::string& text) {
     std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
@@ -44,21 +40,21 @@ TEST_F(FileDevicesTest, FlashFileHoldsWhatTheLastWriteProgrammed) {
     WriteText(Path("flash.bin"), "stale");
     CFlashFile flash;
     ASSERT_TRUE(flash.Open(Path("flash.bin")).IsOk());
-    EXPECT_EQ(ReadText(Path("flash.bin")), "");
+    EXPECT_EQ(ReadTestFile(Path("flash.bin")), "");
 
     const uint8_t first[] = {'a', 'b', 'c', 'd'};
     flash.BeginProgramming(0x90000000, 4);
     flash.Program(first, 4);
-    EXPECT_EQ(ReadText(Path("flash.bin")), "") << "buffered until Flush";
+    EXPECT_EQ(ReadTestFile(Path("flash.bin")), "") << "buffered until Flush";
     ASSERT_TRUE(flash.Flush().IsOk());
-    EXPECT_EQ(ReadText(Path("flash.bin")), "abcd");
+    EXPECT_EQ(ReadTestFile(Path("flash.bin")), "abcd");
 
     const uint8_t second[] = {'a', 'b', 'c'};
     flash.BeginProgramming(0x90000000, 3);
     flash.Program(second, 1);
     flash.Program(second + 1, 2);
     ASSERT_TRUE(flash.Flush().IsOk());
-    EXPECT_EQ(ReadText(Path("flash.bin")), "abc");
+    EXPECT_EQ(ReadTestFile(Path("flash.bin")), "abc");
     EXPECT_EQ(flash.Sha256(), "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
 }
 
@@ -72,9 +68,9 @@ TEST_F(FileDevicesTest, FlashFileInAMissingDirectoryNamesThePath) {
 TEST_F(FileDevicesTest, ReadyLineIsReplacedWholeAndLeavesNothingAside) {
     CReadyLine ready;
     ASSERT_TRUE(ready.Open(Path("ready"), false).IsOk());
-    EXPECT_EQ(ReadText(Path("ready")), "0\n");
+    EXPECT_EQ(ReadTestFile(Path("ready")), "0\n");
     ASSERT_TRUE(ready.Set(true).IsOk());
-    EXPECT_EQ(ReadText(Path("ready")), "1\n");
+    EXPECT_EQ(ReadTestFile(Path("ready")), "1\n");
     EXPECT_FALSE(std::filesystem::exists(Path("ready.writing")));
 }
 
@@ -86,7 +82,7 @@ bool AwaitNotification(const CControlPin& pin) {
 TEST_F(FileDevicesTest, ControlPinIsCreatedReleasedAndFollowsTheShell) {
     CControlPin pin;
     ASSERT_TRUE(pin.Open(Path("control")).IsOk());
-    EXPECT_EQ(ReadText(Path("control")), "1\n");
+    EXPECT_EQ(ReadTestFile(Path("control")), "1\n");
     EXPECT_EQ(pin.Level(), '1');
 
     const TChildResult shell = CChildProcess::Run({"/bin/sh", "-c", "echo 0 > " + Path("control")});
@@ -110,7 +106,7 @@ TEST_F(FileDevicesTest, ControlPinKeepsTheLevelItFindsAtStart) {
     CControlPin pin;
     ASSERT_TRUE(pin.Open(Path("control")).IsOk());
     EXPECT_EQ(pin.Level(), '0');
-    EXPECT_EQ(ReadText(Path("control")), "0\n");
+    EXPECT_EQ(ReadTestFile(Path("control")), "0\n");
 }
 
 TEST_F(FileDevicesTest, LinkReplacesAStaleLinkRefusesAFileAndGoesWithItsOwner) {
@@ -126,7 +122,7 @@ TEST_F(FileDevicesTest, LinkReplacesAStaleLinkRefusesAFileAndGoesWithItsOwner) {
     CSymbolicLink refused;
     EXPECT_EQ(refused.Create("/dev/null", Path("plain")).Message(),
               "making the link " + Path("plain") + ": a file that is no link is there");
-    EXPECT_EQ(ReadText(Path("plain")), "x");
+    EXPECT_EQ(ReadTestFile(Path("plain")), "x");
 }
 
 TEST_F(FileDevicesTest, TraceLinesCarryMillisecondsDirectionAndHex) {
@@ -150,7 +146,7 @@ TEST_F(FileDevicesTest, TraceLinesCarryMillisecondsDirectionAndHex) {
         expected += " ab";
     }
     expected += "\n    4000.000 host>modem ab\n";
-    EXPECT_EQ(ReadText(Path("trace.txt")), expected);
+    EXPECT_EQ(ReadTestFile(Path("trace.txt")), expected);
 }
 
 TEST_F(FileDevicesTest, TraceWithoutAFileWritesNothing) {
@@ -172,7 +168,7 @@ TEST_F(FileDevicesTest, SummaryIsWrittenAsJson) {
     statistics.commands = {"07 00 c2 01 00", "unknown ff"};
     statistics.bytesFlashed = 7;
     ASSERT_TRUE(WriteSummary(Path("summary.json"), SummaryJson(statistics, 1, "00ff")).IsOk());
-    EXPECT_EQ(nlohmann::json::parse(ReadText(Path("summary.json"))),
+    EXPECT_EQ(nlohmann::json::parse(ReadTestFile(Path("summary.json"))),
               (nlohmann::json{{"power_ups", 2},
                               {"power_offs", 1},
                               {"sync_attempts", 2},
