@@ -31,12 +31,6 @@ using TBytes = std::vector<uint8_t>;
 
 const std::string kModemSim = MODEM_SIM_PATH;
 
-void WriteBytes(const std::string& path, const TBytes& bytes) {
-    std::ofstream file(path, std::ios::binary | std::ios::trunc);
-    file.write(reinterpret_cast<const char*>(bytes.data()),
-               static_cast<std::streamsize>(bytes.size()));
-}
-
 TBytes Pattern(size_t size, unsigned seed) {
     TBytes bytes(size);
     uint32_t state = seed;
@@ -58,7 +52,7 @@ protected:
         ASSERT_FALSE(m_directory.Path().empty());
         m_loader = Pattern(1000, 7);
         m_loader[0] = 0xa5;  // the loader must not begin with the sync byte
-        WriteBytes(Path("loader.bin"), m_loader);
+        WriteTestFile(m_directory, "loader.bin", std::string(m_loader.begin(), m_loader.end()));
     }
 
     std::string Path(const std::string& name) const { return m_directory.Path() + "/" + name; }
@@ -160,7 +154,7 @@ TEST_F(ModemSimProcessTest, BadArgumentExitsTwoWithTheReason) {
 }
 
 TEST_F(ModemSimProcessTest, EmptyLoaderIsRefusedAtStart) {
-    WriteBytes(Path("loader.bin"), {});
+    WriteTestFile(m_directory, "loader.bin", "");
     ASSERT_TRUE(StartProgram(Arguments({})));
     EXPECT_EQ(ExitCode(10s), std::optional<int>(1));
     EXPECT_EQ(ReadTestFile(Path("stderr.txt")),

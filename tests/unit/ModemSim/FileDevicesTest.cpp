@@ -24,10 +24,6 @@ namespace {
 
 using namespace std::chrono_literals;
 
-void WriteText(const std::string& path, const std::string& text) {
-    std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
-}
-
 class FileDevicesTest : public ::testing::Test {
 protected:
     void SetUp() override { ASSERT_FALSE(m_directory.Path().empty()); }
@@ -37,7 +33,7 @@ protected:
 };
 
 TEST_F(FileDevicesTest, FlashFileHoldsWhatTheLastWriteProgrammed) {
-    WriteText(Path("flash.bin"), "stale");
+    WriteTestFile(m_directory, "flash.bin", "stale");
     CFlashFile flash;
     ASSERT_TRUE(flash.Open(Path("flash.bin")).IsOk());
     EXPECT_EQ(ReadTestFile(Path("flash.bin")), "");
@@ -91,18 +87,18 @@ TEST_F(FileDevicesTest, ControlPinIsCreatedReleasedAndFollowsTheShell) {
     EXPECT_EQ(pin.Changed(), std::optional<char>('0'));
     EXPECT_EQ(pin.Level(), '0');
 
-    WriteText(Path("other"), "1\n");
+    WriteTestFile(m_directory, "other", "1\n");
     ASSERT_TRUE(AwaitNotification(pin));
     EXPECT_EQ(pin.Changed(), std::nullopt) << "another file in the directory";
 
-    WriteText(Path("control"), "");
+    WriteTestFile(m_directory, "control", "");
     ASSERT_TRUE(AwaitNotification(pin));
     EXPECT_EQ(pin.Changed(), std::nullopt) << "the shell's truncation alone changes nothing";
     EXPECT_EQ(pin.Level(), '0');
 }
 
 TEST_F(FileDevicesTest, ControlPinKeepsTheLevelItFindsAtStart) {
-    WriteText(Path("control"), "0\n");
+    WriteTestFile(m_directory, "control", "0\n");
     CControlPin pin;
     ASSERT_TRUE(pin.Open(Path("control")).IsOk());
     EXPECT_EQ(pin.Level(), '0');
@@ -118,7 +114,7 @@ TEST_F(FileDevicesTest, LinkReplacesAStaleLinkRefusesAFileAndGoesWithItsOwner) {
     }
     EXPECT_FALSE(std::filesystem::is_symlink(Path("tty")));
 
-    WriteText(Path("plain"), "x");
+    WriteTestFile(m_directory, "plain", "x");
     CSymbolicLink refused;
     EXPECT_EQ(refused.Create("/dev/null", Path("plain")).Message(),
               "making the link " + Path("plain") + ": a file that is no link is there");
