@@ -18,6 +18,7 @@
 #include "ChildProcess.h"
 #include "HostLine.h"
 #include "Prerequisite.h"
+#include "PseudoRandomBytes.h"
 #include "Sha256.h"
 #include "TemporaryDirectory.h"
 #include "TestFiles.h"
@@ -32,13 +33,8 @@ using TBytes = std::vector<uint8_t>;
 const std::string kModemSim = MODEM_SIM_PATH;
 
 TBytes Pattern(size_t size, unsigned seed) {
-    TBytes bytes(size);
-    uint32_t state = seed;
-    for (auto& byte : bytes) {
-        state = state * 1103515245u + 12345u;
-        byte = static_cast<uint8_t>(state >> 16);
-    }
-    return bytes;
+    const std::string bytes = PseudoRandomBytes(size, seed);
+    return TBytes(bytes.begin(), bytes.end());
 }
 
 class ModemSimProcessTest : public ::testing::Test {
