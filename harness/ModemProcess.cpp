@@ -38,19 +38,23 @@ CStatus CModemProcess::Start(const std::vector<std::string>& arguments, const st
         return status.WithContext("starting modem-sim");
     }
 
+    // modem-sim makes the link last: once it is there, the modem listens.
     bool ended = false;
-    const bool linked = Await(
+    const bool settled = Await(
         [&] {
             struct stat link {};
-            ended = ::lstat(linkPath.c_str(), &link) != 0 && m_process.TryReap().has_value();
-            return ended || ::lstat(linkPath.c_str(), &link) == 0;
+            if (::lstat(linkPath.c_str(), &link) == 0) {
+                return true;
+            }
+            ended = m_process.TryReap().has_value();
+            return ended;
         },
         kStartTimeout, kPollInterval);
     if (ended) {
         return CStatus::Failure("starting modem-sim: it ended before making " + linkPath +
                                 LogOf(m_logPath));
     }
-    if (!linked) {
+    if (!settled) {
         Terminate();
         return CStatus::Failure("starting modem-sim: no " + linkPath + " within 10 s" +
                                 LogOf(m_logPath));
