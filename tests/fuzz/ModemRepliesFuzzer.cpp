@@ -23,6 +23,7 @@
 #include "ImageLoader.h"
 #include "MapProperties.h"
 #include "PluginState.h"
+#include "PseudoRandomBytes.h"
 #include "RecordingEventBroker.h"
 #include "RecordingLoaderCallback.h"
 
@@ -36,14 +37,6 @@ using namespace fuzzdevice;
 constexpr unsigned kTickBudget = 200;
 
 constexpr uint32_t kFirmwareSizes[] = {0, 1, 300, 25600, 51500};
-
-std::string Pattern(std::size_t size, unsigned seed) {
-    std::string bytes(size, '\0');
-    for (std::size_t index = 0; index < size; ++index) {
-        bytes[index] = static_cast<char>((index * 7 + seed + index / 251) & 0xFF);
-    }
-    return bytes;
-}
 
 const CPluginState& PluginState() {
     static const CPluginState state(MODEMLOADER_PLUGIN_SOURCES);
@@ -87,8 +80,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     device.Port().AnswerOnPowerUp(answeringPowerUp);
     device.Port().SetWriteFault(writeFault >> 1, (writeFault & 1) != 0);
     device.Port().SetReplies(input.Bytes(input.Remaining()));
-    device.Files().AddFile(kBootloader, Pattern(1237, 11));
-    device.Files().AddFile(kFirmware, Pattern(firmwareSize, 5));
+    device.Files().AddFile(kBootloader, PseudoRandomBytes(1237, 11));
+    device.Files().AddFile(kFirmware, PseudoRandomBytes(firmwareSize, 5));
 
     std::string name = kName;
     CMapProperties properties(kName, {{"control", kControlPin},

@@ -417,7 +417,7 @@ TEST_F(FlashSequenceTest, EmptyFirmwareClosesTheFileOnTheFirstDataTickAndAwaitsT
 }
 
 TEST_F(FlashSequenceTest, FirmwareOfWholeChunksSendsAFullLastChunkAndClosesOnTheNextTick) {
-    SetFirmware(Pattern(2 * kChunk, 9));
+    SetFirmware(PseudoRandomBytes(2 * kChunk, 9));
     CImageLoader& loader = PreparedLoader();
     ScriptWriteStart(m_port, 2 * kChunk);
     ScriptFirmwareChunks(".");
@@ -433,7 +433,7 @@ TEST_F(FlashSequenceTest, FirmwareOfWholeChunksSendsAFullLastChunkAndClosesOnThe
 }
 
 TEST_F(FlashSequenceTest, ModemBusyEveryTickNeverTimesOutAndSilenceThenEndsItAfterSixtyTicks) {
-    SetFirmware(Pattern(1000, 2));
+    SetFirmware(PseudoRandomBytes(1000, 2));
     CImageLoader& loader = PreparedLoader();
     ScriptWriteStart(m_port, 1000);
     ScriptFirmwareChunks(".");
@@ -449,7 +449,7 @@ TEST_F(FlashSequenceTest, ModemBusyEveryTickNeverTimesOutAndSilenceThenEndsItAft
 }
 
 TEST_F(FlashSequenceTest, SilenceAfterTheLastChunkTimesOutSixtyTicksAfterTheFileIsClosed) {
-    SetFirmware(Pattern(1000, 2));
+    SetFirmware(PseudoRandomBytes(1000, 2));
     CImageLoader& loader = PreparedLoader();
     ScriptWriteStart(m_port, 1000);
     ScriptFirmwareChunks("");
@@ -462,7 +462,7 @@ TEST_F(FlashSequenceTest, SilenceAfterTheLastChunkTimesOutSixtyTicksAfterTheFile
 }
 
 TEST_F(FlashSequenceTest, AShortChunkReadIsNeitherSentNorCountedAndTheNextTickReadsOn) {
-    SetFirmware(Pattern(2 * kChunk + 1000, 4));
+    SetFirmware(PseudoRandomBytes(2 * kChunk + 1000, 4));
     const uint32_t size = static_cast<uint32_t>(m_firmware.size());
     CImageLoader& loader = PreparedLoader();
     CFileHandlerFaults faults(m_files);
@@ -488,7 +488,7 @@ TEST_F(FlashSequenceTest, AShortChunkReadIsNeitherSentNorCountedAndTheNextTickRe
 }
 
 TEST_F(FlashSequenceTest, AFailedChunkWriteIsNotCountedAndTheNextTickSendsTheFollowingRange) {
-    SetFirmware(Pattern(2 * kChunk + 1000, 4));
+    SetFirmware(PseudoRandomBytes(2 * kChunk + 1000, 4));
     const uint32_t size = static_cast<uint32_t>(m_firmware.size());
     CImageLoader& loader = PreparedLoader();
     ScriptWriteStart(m_port, size);
@@ -515,7 +515,7 @@ TEST_F(FlashSequenceTest, AFailedChunkWriteIsNotCountedAndTheNextTickSendsTheFol
 }
 
 TEST_F(FlashSequenceTest, TheWriteTimeOutLeftByOneRunIsWhereTheNextRunInTheProcessStarts) {
-    SetFirmware(Pattern(1000, 2));
+    SetFirmware(PseudoRandomBytes(1000, 2));
     CImageLoader& first = PreparedLoader();
     ScriptWriteStart(m_port, 1000);
     ScriptFirmwareChunks("");
@@ -539,7 +539,7 @@ TEST_F(FlashSequenceTest, TheWriteTimeOutLeftByOneRunIsWhereTheNextRunInTheProce
 }
 
 TEST_F(FlashSequenceTest, SuccessOnTheTickTheTimeOutRunsOutIsReportedAsATimeOut) {
-    SetFirmware(Pattern(1000, 2));
+    SetFirmware(PseudoRandomBytes(1000, 2));
     CImageLoader& loader = PreparedLoader();
     ScriptWriteStart(m_port, 1000);
     ScriptFirmwareChunks("");
@@ -554,7 +554,7 @@ TEST_F(FlashSequenceTest, SuccessOnTheTickTheTimeOutRunsOutIsReportedAsATimeOut)
 }
 
 TEST_F(FlashSequenceTest, PortErrorsWhileAwaitingTheStatusDoNotCountTowardsTheTimeOut) {
-    SetFirmware(Pattern(1000, 2));
+    SetFirmware(PseudoRandomBytes(1000, 2));
     CImageLoader& loader = PreparedLoader();
     ScriptWriteStart(m_port, 1000);
     ScriptFirmwareChunks("");
@@ -579,7 +579,7 @@ class FirmwareStatusTest : public FlashSequenceTest,
                            public ::testing::WithParamInterface<TStatusCase> {};
 
 TEST_P(FirmwareStatusTest, FailureStatusEndsTheRun) {
-    SetFirmware(Pattern(1000, 2));
+    SetFirmware(PseudoRandomBytes(1000, 2));
     CImageLoader& loader = PreparedLoader();
     ScriptWriteStart(m_port, 1000);
     ScriptFirmwareChunks(GetParam().status);

@@ -24,7 +24,7 @@ protected:
 };
 
 TEST_F(ImageLoaderAllocationTest, NoMemoryForTheLoaderSourceFailsPrepareSilentlyAndLeavesItOpen) {
-    m_loaderSource = Pattern(kLoaderSourceBytes, 3);
+    m_loaderSource = PseudoRandomBytes(kLoaderSourceBytes, 3);
     m_files.AddFile(kLoaderPath, m_loaderSource);
     CImageLoader& loader = MakeLoader();
     bool prepared = true;
@@ -61,7 +61,7 @@ TEST_F(ImageLoaderAllocationTest, NoMemoryForTheReplyBufferFailsReadAckBeforeAny
 }
 
 TEST_F(ImageLoaderAllocationTest, NoMemoryForTheChunkBufferClosesTheFirmwareAndEndsTheRun) {
-    SetFirmware(Pattern(1000, 2));
+    SetFirmware(PseudoRandomBytes(1000, 2));
     CImageLoader& loader = PreparedLoader();
     m_port.Expect(WriteRangeCommand(1000), Bytes({0x04}));
     m_port.Expect(Bytes({0x01}), Bytes({0x01}));

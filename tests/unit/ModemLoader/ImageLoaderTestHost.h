@@ -20,6 +20,7 @@
 #include "ImageLoader.h"
 #include "LogCapture.h"
 #include "MapProperties.h"
+#include "PseudoRandomBytes.h"
 #include "RecordingCmdHandler.h"
 #include "RecordingEventBroker.h"
 #include "RecordingLoaderCallback.h"
@@ -40,15 +41,6 @@ constexpr uint32_t kChunk = 25600;
 
 inline std::string PinLow() { return std::string("echo 0 > ") + kControlPin; }
 inline std::string PinHigh() { return std::string("echo 1 > ") + kControlPin; }
-
-// Recognisable contents: every byte depends on its offset and on `seed`.
-inline std::string Pattern(std::size_t size, unsigned seed) {
-    std::string bytes(size, '\0');
-    for (std::size_t index = 0; index < size; ++index) {
-        bytes[index] = static_cast<char>((index * 7 + seed + index / 251) & 0xFF);
-    }
-    return bytes;
-}
 
 inline TBytes Concat(std::initializer_list<TBytes> parts) {
     TBytes all;
@@ -94,8 +86,8 @@ protected:
         m_properties.Set(kName, "serial", kSerialDevice);
         m_properties.Set(kName, "bootloader", kLoaderPath);
         m_properties.Set(kName, "firmware", kFirmwarePath);
-        m_loaderSource = Pattern(300, 11);
-        SetFirmware(Pattern(3 * kChunk + 1000, 5));
+        m_loaderSource = PseudoRandomBytes(300, 11);
+        SetFirmware(PseudoRandomBytes(3 * kChunk + 1000, 5));
         m_files.AddFile(kLoaderPath, m_loaderSource);
         // The control pin low powers the modem up, high releases it.
         m_commands.OnCommand([this](const std::string& line) {

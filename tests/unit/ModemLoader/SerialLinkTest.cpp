@@ -18,7 +18,7 @@ const TSleep kReadRetry = Microseconds(25000);
 
 TEST_F(SerialLinkTest, WriteBufferSendsTheWholeBufferInOneWrite) {
     CImageLoader& loader = PreparedLoader();
-    const TBytes chunk = Bytes(Pattern(kChunk, 3));
+    const TBytes chunk = Bytes(PseudoRandomBytes(kChunk, 3));
     m_port.Expect(chunk);
     EXPECT_TRUE(loader.WriteBuffer(chunk.data(), kChunk));
     EXPECT_EQ(m_port.WriteCalls(), 1u);
