@@ -334,12 +334,28 @@ protected:
         ASSERT_EQ(result.exitCode, 0) << DescribeUpdate(result);
     }
 
-    static void Report(const char* path, int survived, int killedMidRun) {
+    // Kills the host at kKillPoints points drawn by `draw` from the same seeded sequence on every
+    // run of the test, each followed by `survive`; every rerun must complete, and at least half
+    // of the kills must have landed before the host's result: reruns after an update that had
+    // already finished would prove nothing about kills.
+    template <typename TDraw, typename TSurvive>
+    static void ExpectEveryKillSurvived(const char* path, TDraw draw, TSurvive survive) {
+        std::mt19937_64 random(kPointSeed);
+        int survived = 0;
+        int killedMidRun = 0;
+        for (int index = 0; index < kKillPoints; ++index) {
+            const TKillPoint point = draw(random);
+            bool killed = false;
+            survived += survive(point, killed) ? 1 : 0;
+            killedMidRun += killed ? 1 : 0;
+        }
         std::printf(
             "[ kill-and-rerun ] %s: %d of %d points survived (%d killed mid-run, %d "
             "not killed before the result)\n",
             path, survived, kKillPoints, killedMidRun, kKillPoints - killedMidRun);
         std::fflush(stdout);
+        EXPECT_EQ(survived, kKillPoints);
+        EXPECT_GE(killedMidRun, kKillPoints / 2);
     }
 
     // The rerun finished the update and released the storage.
@@ -499,21 +515,15 @@ TEST_F(KillAndRerunTest, ImageLoaderFlashKilledAtTwentyPointsCompletesOnRerun) {
     const std::size_t referenceLines = reference.trace.size();
     ASSERT_GT(referenceLines, 2u);
 
-    std::mt19937_64 random(kPointSeed);
     std::uniform_int_distribution<std::size_t> lines(1, referenceLines - 1);
-    int survived = 0;
-    int killedMidRun = 0;
-    for (int index = 0; index < kKillPoints; ++index) {
-        TKillPoint point;
-        point.traceLines = lines(random);
-        bool killed = false;
-        survived += SurviveImageLoaderKill(point, killed) ? 1 : 0;
-        killedMidRun += killed ? 1 : 0;
-    }
-    Report("image loader", survived, killedMidRun);
-    EXPECT_EQ(survived, kKillPoints);
-    // Reruns after an update that had already finished would prove nothing about kills.
-    EXPECT_GE(killedMidRun, kKillPoints / 2);
+    ExpectEveryKillSurvived(
+        "image loader",
+        [&](std::mt19937_64& random) {
+            TKillPoint point;
+            point.traceLines = lines(random);
+            return point;
+        },
+        SurviveImageLoaderKill);
 }
 
 TEST_F(KillAndRerunTest, ArchiveCopyKilledAtTwentyPointsCompletesOnRerun) {
@@ -523,21 +533,16 @@ TEST_F(KillAndRerunTest, ArchiveCopyKilledAtTwentyPointsCompletesOnRerun) {
                                    CSimulatedDevice::DaemonConfig().size() +
                                    CSimulatedDevice::ProductConfig().size();
 
-    std::mt19937_64 random(kPointSeed);
     // Up to the last byte: the points at the end fall on the flag file, Sync and the unmount.
     std::uniform_int_distribution<std::size_t> copied(1, totalBytes);
-    int survived = 0;
-    int killedMidRun = 0;
-    for (int index = 0; index < kKillPoints; ++index) {
-        TKillPoint point;
-        point.copiedBytes = copied(random);
-        bool killed = false;
-        survived += SurviveArchiveKill(point, killed) ? 1 : 0;
-        killedMidRun += killed ? 1 : 0;
-    }
-    Report("archive loader", survived, killedMidRun);
-    EXPECT_EQ(survived, kKillPoints);
-    EXPECT_GE(killedMidRun, kKillPoints / 2);
+    ExpectEveryKillSurvived(
+        "archive loader",
+        [&](std::mt19937_64& random) {
+            TKillPoint point;
+            point.copiedBytes = copied(random);
+            return point;
+        },
+        SurviveArchiveKill);
 }
 
 // Without a reset the modem stays on inside its loader, taking firmware data. The rerun's
