@@ -13,6 +13,7 @@
 #include <random>
 #include <stdexcept>
 
+#include "ArchiveInstallRecords.h"
 #include "ArchiveLoader.h"
 #include "InstalledBackend.h"
 #include "LinuxFileHandler.h"
@@ -30,25 +31,6 @@ namespace {
 
 const std::string kFeature = "modemloader";
 constexpr std::size_t kMiB = 1024 * 1024;
-
-struct TLine {
-    logging::categories::TCategory category;
-    std::string text;
-    int line;
-    bool operator==(const TLine& other) const {
-        return category == other.category && text == other.text && line == other.line;
-    }
-};
-void PrintTo(const TLine& line, std::ostream* stream) {
-    *stream << "{" << logging::IControl::CategoryName(line.category) << ", \"" << line.text
-            << "\", " << line.line << "}";
-}
-TLine Error(const std::string& message, int line) {
-    return {logging::categories::Error, LogText(message), line};
-}
-TLine Always(const std::string& message, int line) {
-    return {logging::categories::Always, LogText(message), line};
-}
 
 class ArchiveLoaderStorageTest : public ::testing::Test {
 protected:
@@ -92,15 +74,7 @@ protected:
         loader.Install();
     }
 
-    std::vector<TLine> InstallRecords() const {
-        std::vector<TLine> lines;
-        for (const logging::TLogRecord& record : m_log.Records()) {
-            EXPECT_EQ(record.function, "Install");
-            EXPECT_EQ(record.file, "features/component/ModemLoader/src/ArchiveLoader");
-            lines.push_back({record.category, record.text, record.line});
-        }
-        return lines;
-    }
+    std::vector<TInstallLine> InstallRecords() const { return ArchiveInstallRecords(m_log); }
 
     static void ExpectReleased(const CStorageImage& storage) {
         EXPECT_FALSE(storage.IsMounted()) << storage.MountPoint();
@@ -141,7 +115,8 @@ TEST_F(ArchiveLoaderStorageTest, CopiesTheFourFilesAndLeavesAnEmptyFlagFileBesid
     Install();
 
     EXPECT_EQ(m_callback.Calls(), std::vector<std::string>{"Completed(1)"});
-    EXPECT_EQ(InstallRecords(), std::vector<TLine>{Always("Copied files to movinand", 169)});
+    EXPECT_EQ(InstallRecords(),
+              std::vector<TInstallLine>{InstallAlways("Copied files to movinand", 169)});
     ExpectReleased(storage);
     ExpectCopied(storage);
     EXPECT_EQ(storage.ListImageFolder(""),
@@ -174,11 +149,12 @@ TEST_F(ArchiveLoaderStorageTest, MissingSourceFailsItsCopyOnlyAndLeavesNoFlagFil
     Install();
 
     EXPECT_EQ(m_callback.Calls(), std::vector<std::string>{"Completed(0)"});
-    EXPECT_EQ(InstallRecords(),
-              (std::vector<TLine>{Error("Unable to copy firmware to " + storage.MountPoint() +
-                                            "/update/firmware.bin",
-                                        136),
-                                  Error("Unable to copy files to movinand", 190)}));
+    EXPECT_EQ(
+        InstallRecords(),
+        (std::vector<TInstallLine>{
+            InstallError(
+                "Unable to copy firmware to " + storage.MountPoint() + "/update/firmware.bin", 136),
+            InstallError("Unable to copy files to movinand", 190)}));
     EXPECT_NE(m_handler.LastError().find("No such file or directory"), std::string::npos)
         << m_handler.LastError();
     ExpectReleased(storage);
@@ -194,11 +170,12 @@ TEST_F(ArchiveLoaderStorageTest, FullStorageFailsTheFirmwareCopyAndTheLaterCopie
     Install();
 
     EXPECT_EQ(m_callback.Calls(), std::vector<std::string>{"Completed(0)"});
-    EXPECT_EQ(InstallRecords(),
-              (std::vector<TLine>{Error("Unable to copy firmware to " + storage.MountPoint() +
-                                            "/update/firmware.bin",
-                                        136),
-                                  Error("Unable to copy files to movinand", 190)}));
+    EXPECT_EQ(
+        InstallRecords(),
+        (std::vector<TInstallLine>{
+            InstallError(
+                "Unable to copy firmware to " + storage.MountPoint() + "/update/firmware.bin", 136),
+            InstallError("Unable to copy files to movinand", 190)}));
     EXPECT_NE(m_handler.LastError().find("No space left on device"), std::string::npos)
         << m_handler.LastError();
     ExpectReleased(storage);
@@ -215,13 +192,14 @@ TEST_F(ArchiveLoaderStorageTest, ReadOnlyStorageFailsEveryCopyAndIsStillUnmounte
 
     const std::string target = storage.MountPoint() + "/update";
     EXPECT_EQ(m_callback.Calls(), std::vector<std::string>{"Completed(0)"});
-    EXPECT_EQ(InstallRecords(),
-              (std::vector<TLine>{
-                  Error("Unable to copy bootloader to " + target + "/boot.bin", 125),
-                  Error("Unable to copy firmware to " + target + "/firmware.bin", 136),
-                  Error("Unable to copy daemon config file to " + target + "/daemon.conf", 147),
-                  Error("Unable to copy product config file to " + target + "/product.conf", 158),
-                  Error("Unable to copy files to movinand", 190)}));
+    EXPECT_EQ(
+        InstallRecords(),
+        (std::vector<TInstallLine>{
+            InstallError("Unable to copy bootloader to " + target + "/boot.bin", 125),
+            InstallError("Unable to copy firmware to " + target + "/firmware.bin", 136),
+            InstallError("Unable to copy daemon config file to " + target + "/daemon.conf", 147),
+            InstallError("Unable to copy product config file to " + target + "/product.conf", 158),
+            InstallError("Unable to copy files to movinand", 190)}));
     ExpectReleased(storage);
     EXPECT_EQ(storage.ListImageFolder(""), std::vector<std::string>{"lost+found"});
 }
@@ -238,8 +216,8 @@ TEST_F(ArchiveLoaderStorageTest, StorageWithoutFileSystemIsNotMountedAndNoLoopDe
 
     EXPECT_EQ(m_callback.Calls(), std::vector<std::string>{"Completed(0)"});
     EXPECT_EQ(InstallRecords(),
-              (std::vector<TLine>{Error("Couldn't mount " + storage.Image(), 74),
-                                  Error("Unable to copy files to movinand", 190)}));
+              (std::vector<TInstallLine>{InstallError("Couldn't mount " + storage.Image(), 74),
+                                         InstallError("Unable to copy files to movinand", 190)}));
     ExpectReleased(storage);
 }
 
@@ -253,8 +231,8 @@ TEST_F(ArchiveLoaderStorageTest, MissingStorageDeviceIsReportedByName) {
 
     EXPECT_EQ(m_callback.Calls(), std::vector<std::string>{"Completed(0)"});
     EXPECT_EQ(InstallRecords(),
-              (std::vector<TLine>{Error("Couldn't mount " + absent, 74),
-                                  Error("Unable to copy files to movinand", 190)}));
+              (std::vector<TInstallLine>{InstallError("Couldn't mount " + absent, 74),
+                                         InstallError("Unable to copy files to movinand", 190)}));
     ExpectReleased(storage);
 }
 

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <stdexcept>
 
+#include "ArchiveInstallRecords.h"
 #include "ArchiveLoader.h"
 #include "FakeFileHandler.h"
 #include "FileHandlerFaults.h"
@@ -58,25 +59,6 @@ std::vector<std::string> CompleteInstallationCalls() {
     return calls;
 }
 
-struct TLine {
-    logging::categories::TCategory category;
-    std::string text;
-    int line;
-    bool operator==(const TLine& other) const {
-        return category == other.category && text == other.text && line == other.line;
-    }
-};
-void PrintTo(const TLine& line, std::ostream* stream) {
-    *stream << "{" << logging::IControl::CategoryName(line.category) << ", \"" << line.text
-            << "\", " << line.line << "}";
-}
-TLine Error(const std::string& message, int line) {
-    return {logging::categories::Error, LogText(message), line};
-}
-TLine Always(const std::string& message, int line) {
-    return {logging::categories::Always, LogText(message), line};
-}
-
 class ArchiveLoaderTest : public ::testing::Test {
 protected:
     ArchiveLoaderTest() : m_properties(kFeature, AllProperties()) {
@@ -88,18 +70,7 @@ protected:
         m_files.AddStorageFolder(kDevice, "update");
     }
 
-    // Every record of the installation must come from Install in the loader's source file, on
-    // the module's channel; returns category, text and line of each.
-    std::vector<TLine> InstallRecords() const {
-        std::vector<TLine> lines;
-        for (const logging::TLogRecord& record : m_log.Records()) {
-            EXPECT_EQ(record.function, "Install");
-            EXPECT_EQ(record.file, "features/component/ModemLoader/src/ArchiveLoader");
-            EXPECT_EQ(record.channel, logging::ModemLoader);
-            lines.push_back({record.category, record.text, record.line});
-        }
-        return lines;
-    }
+    std::vector<TInstallLine> InstallRecords() const { return ArchiveInstallRecords(m_log); }
 
     std::string m_name = kFeature;
     CRecordingEventBroker m_broker;
@@ -174,7 +145,8 @@ TEST_F(ArchiveLoaderTest, AllCopiesSucceedFlagFileIsCreatedEmptyAndCompletedOne)
     loader.Install();
 
     EXPECT_EQ(m_files.Calls(), CompleteInstallationCalls());
-    EXPECT_EQ(InstallRecords(), std::vector<TLine>{Always("Copied files to movinand", 169)});
+    EXPECT_EQ(InstallRecords(),
+              std::vector<TInstallLine>{InstallAlways("Copied files to movinand", 169)});
     EXPECT_EQ(m_callback.Calls(), std::vector<std::string>{"Completed(1)"});
 
     EXPECT_FALSE(m_files.IsMounted(kMountPoint));
@@ -278,12 +250,13 @@ TEST_F(ArchiveLoaderTest, FailureToMakeTheTargetFolderIsNotDetectedAndTheCopiesA
     EXPECT_EQ(files.Calls(), expected);
     EXPECT_EQ(
         InstallRecords(),
-        (std::vector<TLine>{
-            Error("Unable to copy bootloader to /mnt/flash/update/boot.bin", 125),
-            Error("Unable to copy firmware to /mnt/flash/update/firmware.bin", 136),
-            Error("Unable to copy daemon config file to /mnt/flash/update/daemon.conf", 147),
-            Error("Unable to copy product config file to /mnt/flash/update/product.conf", 158),
-            Error("Unable to copy files to movinand", 190)}));
+        (std::vector<TInstallLine>{
+            InstallError("Unable to copy bootloader to /mnt/flash/update/boot.bin", 125),
+            InstallError("Unable to copy firmware to /mnt/flash/update/firmware.bin", 136),
+            InstallError("Unable to copy daemon config file to /mnt/flash/update/daemon.conf", 147),
+            InstallError("Unable to copy product config file to /mnt/flash/update/product.conf",
+                         158),
+            InstallError("Unable to copy files to movinand", 190)}));
     EXPECT_EQ(m_callback.Calls(), std::vector<std::string>{"Completed(0)"});
 }
 
@@ -292,7 +265,7 @@ TEST_F(ArchiveLoaderTest, FailureToMakeTheTargetFolderIsNotDetectedAndTheCopiesA
 struct TCopyFailure {
     const char* name;
     std::vector<std::string> absentSources;
-    std::vector<TLine> records;
+    std::vector<TInstallLine> records;
 };
 void PrintTo(const TCopyFailure& failure, std::ostream* stream) { *stream << failure.name; }
 
@@ -325,7 +298,7 @@ TEST_P(ArchiveLoaderCopyFailureTest, EveryCopyIsAttemptedAndNoFlagFileIsMade) {
     EXPECT_EQ(files.Calls(), expected);
 
     auto records = GetParam().records;
-    records.push_back(Error("Unable to copy files to movinand", 190));
+    records.push_back(InstallError("Unable to copy files to movinand", 190));
     EXPECT_EQ(InstallRecords(), records);
     EXPECT_EQ(m_callback.Calls(), std::vector<std::string>{"Completed(0)"});
     EXPECT_FALSE(files.HasStorageFile(kDevice, "update.flag"));
@@ -344,33 +317,40 @@ TEST_P(ArchiveLoaderCopyFailureTest, EveryCopyIsAttemptedAndNoFlagFileIsMade) {
 INSTANTIATE_TEST_SUITE_P(
     Sources, ArchiveLoaderCopyFailureTest,
     ::testing::Values(
-        TCopyFailure{"Bootloader",
-                     {"/media/update/boot.bin"},
-                     {Error("Unable to copy bootloader to /mnt/flash/update/boot.bin", 125)}},
-        TCopyFailure{"Firmware",
-                     {"/media/update/firmware.bin"},
-                     {Error("Unable to copy firmware to /mnt/flash/update/firmware.bin", 136)}},
+        TCopyFailure{
+            "Bootloader",
+            {"/media/update/boot.bin"},
+            {InstallError("Unable to copy bootloader to /mnt/flash/update/boot.bin", 125)}},
+        TCopyFailure{
+            "Firmware",
+            {"/media/update/firmware.bin"},
+            {InstallError("Unable to copy firmware to /mnt/flash/update/firmware.bin", 136)}},
         TCopyFailure{
             "DaemonConfig",
             {"/media/update/daemon.conf"},
-            {Error("Unable to copy daemon config file to /mnt/flash/update/daemon.conf", 147)}},
+            {InstallError("Unable to copy daemon config file to /mnt/flash/update/daemon.conf",
+                          147)}},
         TCopyFailure{
             "ProductConfig",
             {"/media/update/product.conf"},
-            {Error("Unable to copy product config file to /mnt/flash/update/product.conf", 158)}},
+            {InstallError("Unable to copy product config file to /mnt/flash/update/product.conf",
+                          158)}},
         TCopyFailure{
             "FirmwareAndProductConfig",
             {"/media/update/firmware.bin", "/media/update/product.conf"},
-            {Error("Unable to copy firmware to /mnt/flash/update/firmware.bin", 136),
-             Error("Unable to copy product config file to /mnt/flash/update/product.conf", 158)}},
+            {InstallError("Unable to copy firmware to /mnt/flash/update/firmware.bin", 136),
+             InstallError("Unable to copy product config file to /mnt/flash/update/product.conf",
+                          158)}},
         TCopyFailure{
             "All",
             {"/media/update/boot.bin", "/media/update/firmware.bin", "/media/update/daemon.conf",
              "/media/update/product.conf"},
-            {Error("Unable to copy bootloader to /mnt/flash/update/boot.bin", 125),
-             Error("Unable to copy firmware to /mnt/flash/update/firmware.bin", 136),
-             Error("Unable to copy daemon config file to /mnt/flash/update/daemon.conf", 147),
-             Error("Unable to copy product config file to /mnt/flash/update/product.conf", 158)}}),
+            {InstallError("Unable to copy bootloader to /mnt/flash/update/boot.bin", 125),
+             InstallError("Unable to copy firmware to /mnt/flash/update/firmware.bin", 136),
+             InstallError("Unable to copy daemon config file to /mnt/flash/update/daemon.conf",
+                          147),
+             InstallError("Unable to copy product config file to /mnt/flash/update/product.conf",
+                          158)}}),
     [](const ::testing::TestParamInfo<TCopyFailure>& param) {
         return std::string(param.param.name);
     });
@@ -386,8 +366,8 @@ TEST_F(ArchiveLoaderTest, MountFailureSkipsFolderCopiesAndUnmount) {
     EXPECT_EQ(files.Calls(),
               (std::vector<std::string>{"Mount /dev/movinand /mnt/flash 2", "Sync"}));
     EXPECT_EQ(InstallRecords(),
-              (std::vector<TLine>{Error("Couldn't mount /dev/movinand", 74),
-                                  Error("Unable to copy files to movinand", 190)}));
+              (std::vector<TInstallLine>{InstallError("Couldn't mount /dev/movinand", 74),
+                                         InstallError("Unable to copy files to movinand", 190)}));
     EXPECT_EQ(m_callback.Calls(), std::vector<std::string>{"Completed(0)"});
 }
 
@@ -406,10 +386,10 @@ TEST_F(ArchiveLoaderTest, FlagFileThatCannotBeCreatedFailsTheInstallationAfterTh
     expected.insert(expected.end(), copies.begin(), copies.end());
     expected.insert(expected.end(), {"Sync", "Umount /mnt/flash"});
     EXPECT_EQ(m_files.Calls(), expected) << "no FClose of a stream that was never opened";
-    EXPECT_EQ(
-        InstallRecords(),
-        (std::vector<TLine>{Always("Copied files to movinand", 169),
-                            Error("Unable to create flag file /mnt/flash/update.flag", 180)}));
+    EXPECT_EQ(InstallRecords(),
+              (std::vector<TInstallLine>{
+                  InstallAlways("Copied files to movinand", 169),
+                  InstallError("Unable to create flag file /mnt/flash/update.flag", 180)}));
     EXPECT_EQ(m_callback.Calls(), std::vector<std::string>{"Completed(0)"});
     EXPECT_FALSE(m_files.IsMounted(kMountPoint));
 }
@@ -422,8 +402,9 @@ TEST_F(ArchiveLoaderTest, UnmountFailureIsLoggedAndLeavesASuccessfulOutcome) {
     loader.Install();
 
     EXPECT_EQ(faults.ForcedCalls(), std::vector<std::string>{"Umount /mnt/flash -> 1"});
-    EXPECT_EQ(InstallRecords(), (std::vector<TLine>{Always("Copied files to movinand", 169),
-                                                    Error("Unable to unmount /mnt/flash", 202)}));
+    EXPECT_EQ(InstallRecords(),
+              (std::vector<TInstallLine>{InstallAlways("Copied files to movinand", 169),
+                                         InstallError("Unable to unmount /mnt/flash", 202)}));
     EXPECT_EQ(m_callback.Calls(), std::vector<std::string>{"Completed(1)"});
 }
 
@@ -440,8 +421,8 @@ TEST_F(ArchiveLoaderTest, UnmountFailureAfterAFailedCopyLeavesTheFailedOutcome) 
 
     const auto records = InstallRecords();
     ASSERT_EQ(records.size(), 5u);
-    EXPECT_EQ(records[3], Error("Unable to copy files to movinand", 190));
-    EXPECT_EQ(records[4], Error("Unable to unmount /mnt/flash", 202));
+    EXPECT_EQ(records[3], InstallError("Unable to copy files to movinand", 190));
+    EXPECT_EQ(records[4], InstallError("Unable to unmount /mnt/flash", 202));
     EXPECT_EQ(m_callback.Calls(), std::vector<std::string>{"Completed(0)"});
 }
 
@@ -457,7 +438,8 @@ TEST_F(ArchiveLoaderTest, FailedInstallationMarksEveryLaterInstallOfTheSameLoade
     m_log.Clear();
     ASSERT_TRUE(loader.Prepare()) << "a successful Prepare does not clear the mark";
     loader.Install();
-    EXPECT_EQ(InstallRecords(), std::vector<TLine>{Always("Copied files to movinand", 169)});
+    EXPECT_EQ(InstallRecords(),
+              std::vector<TInstallLine>{InstallAlways("Copied files to movinand", 169)});
     EXPECT_TRUE(m_files.HasStorageFile(kDevice, "update.flag"));
     EXPECT_EQ(m_callback.Calls(), (std::vector<std::string>{"Completed(0)", "Completed(0)"}));
 }
@@ -478,7 +460,8 @@ TEST_F(ArchiveLoaderTest, FailedPrepareMakesAnInstallWhoseEveryStepSucceedsRepor
                                    "CopyFile /media/update/product.conf /mnt/flash//product.conf",
                                    "FOpen /mnt/flash/update.flag w",
                                    "FClose /mnt/flash/update.flag", "Sync", "Umount /mnt/flash"}));
-    EXPECT_EQ(InstallRecords(), std::vector<TLine>{Always("Copied files to movinand", 169)});
+    EXPECT_EQ(InstallRecords(),
+              std::vector<TInstallLine>{InstallAlways("Copied files to movinand", 169)});
     EXPECT_EQ(m_callback.Calls(), std::vector<std::string>{"Completed(0)"});
 }
 
@@ -498,8 +481,8 @@ TEST_F(ArchiveLoaderTest, InstallWithoutPrepareFailsToMountTheEmptyDevice) {
     loader.Install();
     EXPECT_EQ(m_files.Calls(), (std::vector<std::string>{"Mount   2", "Sync"}));
     EXPECT_EQ(InstallRecords(),
-              (std::vector<TLine>{Error("Couldn't mount ", 74),
-                                  Error("Unable to copy files to movinand", 190)}));
+              (std::vector<TInstallLine>{InstallError("Couldn't mount ", 74),
+                                         InstallError("Unable to copy files to movinand", 190)}));
     EXPECT_EQ(m_callback.Calls(), std::vector<std::string>{"Completed(0)"});
 }
 
