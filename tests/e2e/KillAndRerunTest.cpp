@@ -367,19 +367,32 @@ protected:
                      "the rerun leaves no loop device attached to the storage");
     }
 
+    // A fresh device whose host was killed at `point` (what the run left in `killed`); none when
+    // the device could not be made.
+    static std::unique_ptr<CSimulatedDevice> MakeAndKill(const TDeviceSettings& settings,
+                                                         const TKillPoint& point,
+                                                         CPointChecks& checks, TKilledRun& killed) {
+        std::unique_ptr<CSimulatedDevice> device;
+        const CStatus made = CSimulatedDevice::Create(settings, device);
+        checks.Check(static_cast<bool>(made), "making the device", made.Message());
+        if (!made) {
+            return nullptr;
+        }
+        const testing::AssertionResult ran = RunAndKill(*device, point, killed);
+        checks.Check(static_cast<bool>(ran), "killing the host", ran.message());
+        return device;
+    }
+
     // Kills the flash at `point`, checks what the kill left, resets the modem, runs the update
     // again and checks the device. True when the device survived.
     static bool SurviveImageLoaderKill(const TKillPoint& point, bool& killedMidRun) {
         CPointChecks checks(point.Describe());
-        std::unique_ptr<CSimulatedDevice> device;
-        const CStatus made = CSimulatedDevice::Create(ImageLoaderDevice(), device);
-        checks.Check(static_cast<bool>(made), "making the device", made.Message());
-        if (!made) {
+        TKilledRun killed;
+        const std::unique_ptr<CSimulatedDevice> device =
+            MakeAndKill(ImageLoaderDevice(), point, checks, killed);
+        if (!device) {
             return false;
         }
-        TKilledRun killed;
-        const testing::AssertionResult ran = RunAndKill(*device, point, killed);
-        checks.Check(static_cast<bool>(ran), "killing the host", ran.message());
         killedMidRun = killed.KilledBeforeResult();
 
         // The unit's reset switches the modem off; its flash keeps what was programmed.
@@ -464,15 +477,12 @@ protected:
     // checks the storage. True when the device survived.
     static bool SurviveArchiveKill(const TKillPoint& point, bool& killedMidRun) {
         CPointChecks checks(point.Describe());
-        std::unique_ptr<CSimulatedDevice> device;
-        const CStatus made = CSimulatedDevice::Create(ArchiveLoaderDevice(), device);
-        checks.Check(static_cast<bool>(made), "making the device", made.Message());
-        if (!made) {
+        TKilledRun killed;
+        const std::unique_ptr<CSimulatedDevice> device =
+            MakeAndKill(ArchiveLoaderDevice(), point, checks, killed);
+        if (!device) {
             return false;
         }
-        TKilledRun killed;
-        const testing::AssertionResult ran = RunAndKill(*device, point, killed);
-        checks.Check(static_cast<bool>(ran), "killing the host", ran.message());
         killedMidRun = killed.KilledBeforeResult();
 
         std::string flag;
