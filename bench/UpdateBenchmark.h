@@ -11,9 +11,10 @@
 #include "FirmwareTransfer.h"
 #include "HostRun.h"
 #include "Status.h"
+#include "WireCommands.h"
 
 // The image loader's firmware chunk: one per tick.
-constexpr std::size_t kChunkBytes = 25600;
+constexpr std::size_t kChunkBytes = wire::kChunkBytes;
 
 struct TUpdateScenario {
     std::size_t firmwareBytes = 256u << 10;

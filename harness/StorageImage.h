@@ -39,7 +39,6 @@ public:
     [[nodiscard]] CStatus Make(std::size_t sizeBytes, const std::string& contentFolder = "");
     const CStatus& Made() const { return m_made; }
 
-    const std::string& Folder() const { return m_folder; }
     const std::string& Image() const { return m_image; }
     const std::string& MountPoint() const { return m_mountPoint; }
 

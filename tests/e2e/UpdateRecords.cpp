@@ -3,9 +3,11 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "WireCommands.h"
+
 namespace {
 constexpr char kPowerSourceFile[] = "features/component/ModemLoader/src/ModemPower";
-constexpr std::size_t kChunkBytes = 25600;
+constexpr std::size_t kChunkBytes = wire::kChunkBytes;
 
 std::string Relative(std::string text, const std::string& deviceDirectory) {
     const std::string prefix = deviceDirectory + "/";

@@ -76,6 +76,14 @@ protected:
 
     std::vector<TInstallLine> InstallRecords() const { return ArchiveInstallRecords(m_log); }
 
+    // The records of an installation whose firmware copy alone failed.
+    static std::vector<TInstallLine> FirmwareCopyFailed(const CStorageImage& storage) {
+        return {
+            InstallError(
+                "Unable to copy firmware to " + storage.MountPoint() + "/update/firmware.bin", 136),
+            InstallError("Unable to copy files to movinand", 190)};
+    }
+
     static void ExpectReleased(const CStorageImage& storage) {
         EXPECT_FALSE(storage.IsMounted()) << storage.MountPoint();
         EXPECT_TRUE(storage.AwaitNoLoopDevice())
@@ -149,12 +157,7 @@ TEST_F(ArchiveLoaderStorageTest, MissingSourceFailsItsCopyOnlyAndLeavesNoFlagFil
     Install();
 
     EXPECT_EQ(m_callback.Calls(), std::vector<std::string>{"Completed(0)"});
-    EXPECT_EQ(
-        InstallRecords(),
-        (std::vector<TInstallLine>{
-            InstallError(
-                "Unable to copy firmware to " + storage.MountPoint() + "/update/firmware.bin", 136),
-            InstallError("Unable to copy files to movinand", 190)}));
+    EXPECT_EQ(InstallRecords(), FirmwareCopyFailed(storage));
     EXPECT_NE(m_handler.LastError().find("No such file or directory"), std::string::npos)
         << m_handler.LastError();
     ExpectReleased(storage);
@@ -170,12 +173,7 @@ TEST_F(ArchiveLoaderStorageTest, FullStorageFailsTheFirmwareCopyAndTheLaterCopie
     Install();
 
     EXPECT_EQ(m_callback.Calls(), std::vector<std::string>{"Completed(0)"});
-    EXPECT_EQ(
-        InstallRecords(),
-        (std::vector<TInstallLine>{
-            InstallError(
-                "Unable to copy firmware to " + storage.MountPoint() + "/update/firmware.bin", 136),
-            InstallError("Unable to copy files to movinand", 190)}));
+    EXPECT_EQ(InstallRecords(), FirmwareCopyFailed(storage));
     EXPECT_NE(m_handler.LastError().find("No space left on device"), std::string::npos)
         << m_handler.LastError();
     ExpectReleased(storage);

@@ -37,7 +37,7 @@ constexpr char kControlPin[] = "/sys/class/modem/control";
 constexpr char kSerialDevice[] = "/dev/ttyModem";
 constexpr char kLoaderPath[] = "/media/update/boot.bin";
 constexpr char kFirmwarePath[] = "/media/update/firmware.bin";
-constexpr uint32_t kChunk = 25600;
+constexpr uint32_t kChunk = wire::kChunkBytes;
 
 inline std::string PinLow() { return std::string("echo 0 > ") + kControlPin; }
 inline std::string PinHigh() { return std::string("echo 1 > ") + kControlPin; }
