@@ -20,6 +20,7 @@ enum TCategory {
 
 enum TChannel {
     ModemLoader,
+    Platform,  // the host's own services: why a call the feature made failed
 };
 
 struct TLogRecord {
@@ -73,7 +74,7 @@ public:
     // Installs `log` (null removes it) and returns the sink installed before.
     static internals::ILog* SetLog(internals::ILog* log);
     static const char* CategoryName(categories::TCategory category);  // "Error", "Always"
-    static const char* ChannelName(TChannel channel);                 // "ModemLoader"
+    static const char* ChannelName(TChannel channel);                 // "ModemLoader", "Platform"
 };
 
 }  // namespace logging

@@ -38,6 +38,8 @@ const char* IControl::ChannelName(TChannel channel) {
     switch (channel) {
         case ModemLoader:
             return "ModemLoader";
+        case Platform:
+            return "Platform";
     }
     return "Unknown";
 }
