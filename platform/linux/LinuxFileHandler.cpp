@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "DurableFiles.h"
+#include "PlatformLog.h"
 #include "UniqueFd.h"
 
 namespace {
@@ -190,7 +191,12 @@ std::string CLinuxFileHandler::LastError() const {
     return m_lastError;
 }
 
-int CLinuxFileHandler::Report(const CStatus& status, int code) {
+int CLinuxFileHandler::Report(const char* call, const CStatus& status, int code) {
+    PLATFORM_LOG_FAILURE(call, status);
+    return Remember(status, code);
+}
+
+int CLinuxFileHandler::Remember(const CStatus& status, int code) {
     if (status) {
         return 0;
     }
@@ -204,13 +210,13 @@ int CLinuxFileHandler::FileExists(const unsigned char* path) {
     if (stat(Text(path).c_str(), &status) == 0) {
         return 0;
     }
-    return Report(ErrnoFailure("looking for " + Text(path)), 1);
+    return Remember(ErrnoFailure("looking for " + Text(path)), 1);
 }
 
 int CLinuxFileHandler::FolderExists(const unsigned char* path) {
     struct stat status;
     if (stat(Text(path).c_str(), &status) != 0) {
-        Report(ErrnoFailure("looking for folder " + Text(path)));
+        Remember(ErrnoFailure("looking for folder " + Text(path)));
         return IFileHandler::kFolderMissing;
     }
     return S_ISDIR(status.st_mode) ? IFileHandler::kFolderPresent : IFileHandler::kNotAFolder;
@@ -223,15 +229,17 @@ int CLinuxFileHandler::MakeFolder(const unsigned char* path) {
         struct stat status;
         if (error != EEXIST || stat(folder.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) {
             errno = error;
-            return Report(ErrnoFailure("making folder " + folder));
+            return Report("MakeFolder", ErrnoFailure("making folder " + folder));
         }
         // Already there, but perhaps made by someone who did not sync its entry: synced below.
     }
-    return Report(SyncFolder(FolderOf(folder)).WithContext("making folder " + folder));
+    return Report("MakeFolder",
+                  SyncFolder(FolderOf(folder)).WithContext("making folder " + folder));
 }
 
 int CLinuxFileHandler::CopyFile(const unsigned char* source, const unsigned char* destination) {
-    return Report(CopyRegularFile(Text(source), Text(destination))
+    return Report("CopyFile",
+                  CopyRegularFile(Text(source), Text(destination))
                       .WithContext("copying " + Text(source) + " to " + Text(destination)));
 }
 
@@ -240,23 +248,27 @@ int CLinuxFileHandler::RemoveFile(const unsigned char* path) {
         // Until its folder is synced the removal may be undone by a power cut: not done yet.
         const CStatus synced = SyncFolder(FolderOf(Text(path)));
         return synced ? IFileHandler::kRemoved
-                      : Report(synced.WithContext("removing " + Text(path)),
+                      : Report("RemoveFile", synced.WithContext("removing " + Text(path)),
                                IFileHandler::kRemoveFailed);
     }
-    const bool absent = errno == ENOENT;
-    Report(ErrnoFailure("removing " + Text(path)));
-    return absent ? IFileHandler::kRemoveNoSuchFile : IFileHandler::kRemoveFailed;
+    if (errno == ENOENT) {
+        // Already gone: the caller counts that as removed.
+        Remember(ErrnoFailure("removing " + Text(path)));
+        return IFileHandler::kRemoveNoSuchFile;
+    }
+    return Report("RemoveFile", ErrnoFailure("removing " + Text(path)),
+                  IFileHandler::kRemoveFailed);
 }
 
 int CLinuxFileHandler::FileSize(const unsigned char* path) {
     struct stat status;
     if (stat(Text(path).c_str(), &status) != 0) {
-        return Report(ErrnoFailure("measuring " + Text(path)));
+        return Report("FileSize", ErrnoFailure("measuring " + Text(path)));
     }
     if (status.st_size > INT_MAX) {
-        return Report(CStatus::Failure("measuring " + Text(path) + ": " +
-                                       std::to_string(status.st_size) +
-                                       " bytes do not fit the result"));
+        return Report("FileSize", CStatus::Failure("measuring " + Text(path) + ": " +
+                                                   std::to_string(status.st_size) +
+                                                   " bytes do not fit the result"));
     }
     return static_cast<int>(status.st_size);
 }
@@ -268,18 +280,26 @@ FILE* CLinuxFileHandler::FOpen(const unsigned char* path, const char* mode) {
     const bool exists = lstat(name.c_str(), &existing) == 0;
     FILE* file = nullptr;
     CStatus opened = CStatus::Ok();
+    bool missingForReading = false;
     if (ReplacesContent(modeText) && (!exists || S_ISREG(existing.st_mode))) {
         file = OpenReplacing(name, mode, opened);
     } else {
         file = fopen(name.c_str(), mode);
         if (file == nullptr) {
+            // A missing file opened for reading answers a question (is a revision stored?);
+            // it is not a fault of the storage.
+            missingForReading = errno == ENOENT && !Writes(modeText);
             opened = ErrnoFailure("opening " + name + " with mode " + modeText);
         } else if (Writes(modeText)) {
             std::lock_guard<std::mutex> lock(m_mutex);
             m_streams[file] = TWrittenStream{name, std::string(), !exists};
         }
     }
-    Report(opened);
+    if (missingForReading) {
+        Remember(opened);
+    } else {
+        Report("FOpen", opened);
+    }
     return file;
 }
 
@@ -342,11 +362,11 @@ int CLinuxFileHandler::FClose(FILE* file) {
         written = m_streams.count(file) != 0;
     }
     if (written) {
-        return Report(CloseWritten(file), EOF);
+        return Report("FClose", CloseWritten(file), EOF);
     }
     const int result = fclose(file);
     if (result != 0) {
-        Report(ErrnoFailure("closing a stream"));
+        Report("FClose", ErrnoFailure("closing a stream"));
     }
     return result;
 }
@@ -386,7 +406,8 @@ CStatus CLinuxFileHandler::CloseWritten(FILE* file) {
 
 int CLinuxFileHandler::Mount(const unsigned char* device, const unsigned char* mountPoint,
                              IFileHandler::TFileSystemFormat format) {
-    return Report(MountDevice(Text(device), Text(mountPoint), format)
+    return Report("Mount",
+                  MountDevice(Text(device), Text(mountPoint), format)
                       .WithContext("mounting " + Text(device) + " on " + Text(mountPoint)));
 }
 
@@ -436,13 +457,19 @@ CStatus CLinuxFileHandler::MountDevice(const std::string& device, const std::str
 }
 
 int CLinuxFileHandler::Umount(const unsigned char* mountPoint) {
-    return Report(UnmountDevice(Text(mountPoint)).WithContext("unmounting " + Text(mountPoint)));
+    bool notMounted = false;
+    const CStatus unmounted =
+        UnmountDevice(Text(mountPoint), notMounted).WithContext("unmounting " + Text(mountPoint));
+    // The feature unmounts before every mount, to clear a mount left by an earlier run: finding
+    // nothing mounted is the usual answer, which its own record already states.
+    return notMounted ? Remember(unmounted) : Report("Umount", unmounted);
 }
 
-CStatus CLinuxFileHandler::UnmountDevice(const std::string& mountPoint) {
+CStatus CLinuxFileHandler::UnmountDevice(const std::string& mountPoint, bool& notMounted) {
     std::lock_guard<std::mutex> unmounting(m_mountMutex);
     const std::string target = Resolved(mountPoint);
     if (umount2(target.c_str(), 0) != 0) {
+        notMounted = errno == EINVAL;
         return ErrnoFailure("unmounting");
     }
     std::unique_ptr<CLoopDevice> loop;
@@ -476,5 +503,5 @@ int CLinuxFileHandler::Sync() {
             synced = ErrnoFailure("writing back " + mountPoint);
         }
     }
-    return Report(synced.WithContext("syncing the mounted storage"));
+    return Report("Sync", synced.WithContext("syncing the mounted storage"));
 }

@@ -30,8 +30,10 @@
 //   only wait for other programs' writes on other storages.
 //
 // The interface reports only codes; LastError() says what the last failing operation was doing
-// and why, and the failure is logged (PlatformLog.h) under the name of the call. Operations may
-// be called from any thread.
+// and why. A failure is also logged (PlatformLog.h) under the name of the call, except where the
+// code answers a question rather than reports a fault: FileExists and FolderExists of a missing
+// path, FOpen for reading of a missing file, RemoveFile of a file already gone, Umount of a mount
+// point with nothing mounted. Operations may be called from any thread.
 
 #include <map>
 #include <memory>
@@ -73,9 +75,14 @@ public:
 private:
     CStatus MountDevice(const std::string& device, const std::string& mountPoint,
                         IFileHandler::TFileSystemFormat format);
-    CStatus UnmountDevice(const std::string& mountPoint);
-    // 0 for success; otherwise records the failure for LastError and returns `code`.
-    int Report(const CStatus& status, int code = -1);
+    // `notMounted` is set when the failure is that nothing was mounted there.
+    CStatus UnmountDevice(const std::string& mountPoint, bool& notMounted);
+    // 0 for success; otherwise logs the failure as one of `call` (PlatformLog.h), records it for
+    // LastError and returns `code`.
+    int Report(const char* call, const CStatus& status, int code = -1);
+    // The same without the log record, for answers that are not faults: a path asked about that
+    // is missing, a mount point with nothing mounted on it.
+    int Remember(const CStatus& status, int code = -1);
     FILE* OpenReplacing(const std::string& path, const char* mode, CStatus& status);
     CStatus CloseWritten(FILE* file);
 
