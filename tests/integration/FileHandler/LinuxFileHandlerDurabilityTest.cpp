@@ -16,6 +16,9 @@
 
 #include "InstalledBackend.h"
 #include "LinuxFileHandler.h"
+#include "LogCapture.h"
+#include "Prerequisite.h"
+#include "StorageImage.h"
 #include "SyncCallLog.h"
 #include "TemporaryDirectory.h"
 #include "TestFiles.h"
@@ -185,10 +188,53 @@ TEST_F(LinuxFileHandlerDurabilityTest, SyncWithoutMountedStorageSyncsNothing) {
     EXPECT_EQ(log.Calls(), TCalls{});
 }
 
+// Sync on a mounted storage: that storage written back, and its write-back error reported.
+class LinuxFileHandlerStorageSyncTest : public LinuxFileHandlerDurabilityTest {
+protected:
+    void SetUp() override {
+        const std::string missing = CStorageImage::MissingPrerequisite();
+        if (!missing.empty()) {
+            MODEMLOADER_MISSING_PREREQUISITE(missing);
+        }
+        ASSERT_TRUE(m_storage.Made()) << m_storage.Made().Message();
+        ASSERT_EQ(IFileHandler::Mount(Bytes(m_storage.Image()), Bytes(m_storage.MountPoint()),
+                                      IFileHandler::eFormatMovinand),
+                  0)
+            << m_handler.LastError();
+    }
+    void TearDown() override {
+        if (m_storage.IsMounted()) {
+            EXPECT_EQ(IFileHandler::Umount(Bytes(m_storage.MountPoint())), 0);
+        }
+        EXPECT_TRUE(m_storage.AwaitNoLoopDevice());
+    }
+
+    CStorageImage m_storage{4 * 1024 * 1024};
+};
+
+TEST_F(LinuxFileHandlerStorageSyncTest, SyncWritesBackTheMountedStorageOnly) {
+    CSyncCallLog log;
+    EXPECT_EQ(IFileHandler::Sync(), 0) << m_handler.LastError();
+    EXPECT_EQ(log.Calls(), TCalls{"syncfs " + m_storage.MountPoint()});
+}
+
+TEST_F(LinuxFileHandlerStorageSyncTest, SyncReportsAWriteBackErrorOfTheStorage) {
+    CLogCapture capture;
+    CSyncCallLog log;
+    log.Fail("syncfs " + m_storage.MountPoint(), EIO);
+    EXPECT_EQ(IFileHandler::Sync(), -1);
+    const std::string expected = "syncing the mounted storage: writing back " +
+                                 m_storage.MountPoint() + ": Input/output error";
+    EXPECT_EQ(m_handler.LastError(), expected);
+    EXPECT_EQ(capture.Entries(),
+              (std::vector<TLogEntry>{{logging::categories::Error, "Sync", expected + "\n"}}));
+}
+
 // One durability call failing with EIO (a write-back error of the storage): the operation fails
 // with a message naming what it did, and no partial file stays.
 struct TSyncFault {
     const char* name;
+    const char* call;  // the service call named in the log record
     std::function<std::string(const CTemporaryDirectory&)> failingCall;
     std::function<int(const CTemporaryDirectory&)> operation;  // its result
     int expectedResult;
@@ -209,6 +255,7 @@ const std::string kIoError = ": Input/output error";
 
 const TSyncFault kSyncFaults[] = {
     {"CopyFileSyncingTheCopy",
+     "CopyFile",
      [](auto& d) { return "fsync " + d.Join("copy"); },
      CopyRevision,
      -1,
@@ -219,6 +266,7 @@ const TSyncFault kSyncFaults[] = {
      {"revision", "source"},
      "R11"},
     {"CopyFileSyncingTheFolder",
+     "CopyFile",
      [](auto& d) { return "fsync " + d.Path(); },
      CopyRevision,
      -1,
@@ -229,6 +277,7 @@ const TSyncFault kSyncFaults[] = {
      {"revision", "source"},
      "R11"},
     {"WriteStreamSyncingThePartialFile",
+     "FClose",
      [](auto& d) { return "fsync " + d.Join(".revision.partial"); },
      [](auto& d) { return WriteThroughStream(d.Join("revision"), "w", "R12"); },
      EOF,
@@ -238,6 +287,7 @@ const TSyncFault kSyncFaults[] = {
      {"revision", "source"},
      "R11"},
     {"WriteStreamRenaming",
+     "FClose",
      [](auto& d) { return "rename " + d.Join(".revision.partial") + " " + d.Join("revision"); },
      [](auto& d) { return WriteThroughStream(d.Join("revision"), "w", "R12"); },
      EOF,
@@ -248,6 +298,7 @@ const TSyncFault kSyncFaults[] = {
      {"revision", "source"},
      "R11"},
     {"WriteStreamSyncingTheFolder",
+     "FClose",
      [](auto& d) { return "fsync " + d.Path(); },
      [](auto& d) { return WriteThroughStream(d.Join("revision"), "w", "R12"); },
      EOF,
@@ -257,6 +308,7 @@ const TSyncFault kSyncFaults[] = {
      {"revision", "source"},
      "R12"},
     {"AppendStreamSyncingTheFile",
+     "FClose",
      [](auto& d) { return "fsync " + d.Join("revision"); },
      [](auto& d) { return WriteThroughStream(d.Join("revision"), "a", "+"); },
      EOF,
@@ -266,6 +318,7 @@ const TSyncFault kSyncFaults[] = {
      {"revision", "source"},
      "R11+"},
     {"MakeFolderSyncingTheParent",
+     "MakeFolder",
      [](auto& d) { return "fsync " + d.Path(); },
      [](auto& d) { return IFileHandler::MakeFolder(Bytes(d.Join("update"))); },
      -1,
@@ -275,6 +328,7 @@ const TSyncFault kSyncFaults[] = {
      {"revision", "source", "update"},
      "R11"},
     {"RemoveFileSyncingTheFolder",
+     "RemoveFile",
      [](auto& d) { return "fsync " + d.Path(); },
      [](auto& d) { return IFileHandler::RemoveFile(Bytes(d.Join("source"))); },
      IFileHandler::kRemoveFailed,
@@ -294,8 +348,13 @@ TEST_P(LinuxFileHandlerSyncFaultTest, FailsWithTheCallNamedAndLeavesNoPartialFil
     WriteTestFile(m_directory, "source", "firmware");
     CSyncCallLog log;
     log.Fail(fault.failingCall(m_directory), EIO);
+    CLogCapture capture;
     EXPECT_EQ(fault.operation(m_directory), fault.expectedResult);
-    EXPECT_EQ(m_handler.LastError(), fault.expectedError(m_directory));
+    const std::string expectedError = fault.expectedError(m_directory);
+    EXPECT_EQ(m_handler.LastError(), expectedError);
+    EXPECT_EQ(
+        capture.Entries(),
+        (std::vector<TLogEntry>{{logging::categories::Error, fault.call, expectedError + "\n"}}));
     EXPECT_EQ(FolderNames(m_directory.Path()), fault.namesLeft);
     EXPECT_EQ(ReadTestFile(Path("revision")), fault.revisionLeft);
 }

@@ -4,7 +4,6 @@
 // mid-copy). Each ends in a failure code and one record of the Platform channel naming the call,
 // the path and the errno text, with nothing left mounted or attached and no descriptor leaked.
 
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <linux/loop.h>
 #include <sys/mount.h>
@@ -19,6 +18,7 @@
 #include <string>
 #include <vector>
 
+#include "Descriptors.h"
 #include "InstalledBackend.h"
 #include "LinuxFileHandler.h"
 #include "LogCapture.h"
@@ -35,23 +35,6 @@ constexpr std::size_t kImageBytes = 4 * 1024 * 1024;
 
 const unsigned char* Bytes(const std::string& text) {
     return reinterpret_cast<const unsigned char*>(text.c_str());
-}
-
-std::set<std::string> OpenDescriptors() {
-    std::set<std::string> descriptors;
-    DIR* folder = opendir("/proc/self/fd");
-    if (folder == nullptr) {
-        return descriptors;
-    }
-    const int own = dirfd(folder);
-    while (const dirent* entry = readdir(folder)) {
-        const std::string name = entry->d_name;
-        if (name != "." && name != ".." && name != std::to_string(own)) {
-            descriptors.insert(name);
-        }
-    }
-    closedir(folder);
-    return descriptors;
 }
 
 // Escapes `text` for a regular expression, so that an expected message can hold a pattern
@@ -142,7 +125,7 @@ protected:
     CLinuxFileHandler m_handler{{{2, "ext4"}}};
     CInstalledFileHandler m_installation{&m_handler};
     CLogCapture m_capture;
-    std::set<std::string> m_descriptorsBefore;
+    std::set<int> m_descriptorsBefore;
 };
 
 TEST_P(LinuxFileHandlerFailureTest, FailsWithARecordNamingTheCallThePathAndTheCause) {

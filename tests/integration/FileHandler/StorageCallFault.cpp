@@ -5,10 +5,11 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <climits>
 #include <cstdarg>
 #include <map>
 #include <mutex>
+
+#include "Descriptors.h"
 
 namespace {
 struct TFaultState {
@@ -24,13 +25,6 @@ struct TFaultState {
 TFaultState& State() {
     static TFaultState state;
     return state;
-}
-
-std::string DescriptorPath(int descriptor) {
-    char target[PATH_MAX] = {};
-    const std::string link = "/proc/self/fd/" + std::to_string(descriptor);
-    const ssize_t length = readlink(link.c_str(), target, sizeof target - 1);
-    return length < 0 ? std::string() : std::string(target, static_cast<std::size_t>(length));
 }
 
 // The errno a read from `descriptor` is to fail with, or 0 to let it run.

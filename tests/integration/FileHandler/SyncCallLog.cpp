@@ -4,9 +4,10 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <climits>
 #include <map>
 #include <mutex>
+
+#include "Descriptors.h"
 
 namespace {
 struct TLogState {
@@ -21,11 +22,9 @@ TLogState& State() {
     return state;
 }
 
-std::string DescriptorPath(int descriptor) {
-    char target[PATH_MAX] = {};
-    const std::string link = "/proc/self/fd/" + std::to_string(descriptor);
-    const ssize_t length = readlink(link.c_str(), target, sizeof target - 1);
-    return length < 0 ? "fd " + std::to_string(descriptor) : std::string(target, length);
+std::string Named(int descriptor) {
+    const std::string path = DescriptorPath(descriptor);
+    return path.empty() ? "fd " + std::to_string(descriptor) : path;
 }
 
 // Records `call`; returns the errno it is to fail with, or 0 to run it.
@@ -75,7 +74,7 @@ std::vector<std::string> CSyncCallLog::Calls() const {
 }
 
 extern "C" int fsync(int descriptor) {
-    if (const int error = Record("fsync " + DescriptorPath(descriptor)); error != 0) {
+    if (const int error = Record("fsync " + Named(descriptor)); error != 0) {
         return Failed(error);
     }
     static const auto next = Next<int (*)(int)>("fsync");
@@ -83,7 +82,7 @@ extern "C" int fsync(int descriptor) {
 }
 
 extern "C" int fdatasync(int descriptor) {
-    if (const int error = Record("fdatasync " + DescriptorPath(descriptor)); error != 0) {
+    if (const int error = Record("fdatasync " + Named(descriptor)); error != 0) {
         return Failed(error);
     }
     static const auto next = Next<int (*)(int)>("fdatasync");
@@ -91,7 +90,7 @@ extern "C" int fdatasync(int descriptor) {
 }
 
 extern "C" int syncfs(int descriptor) noexcept {
-    if (const int error = Record("syncfs " + DescriptorPath(descriptor)); error != 0) {
+    if (const int error = Record("syncfs " + Named(descriptor)); error != 0) {
         return Failed(error);
     }
     static const auto next = Next<int (*)(int)>("syncfs");
