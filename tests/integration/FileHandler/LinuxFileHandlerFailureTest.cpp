@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 #include <linux/loop.h>
 #include <sys/mount.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -318,10 +319,77 @@ const TStorageFailure kStorageFailures[] = {
                         test.OnStorage("firmware.bin") + ": reading " +
                         test.Source("firmware.bin") + ": Input/output error");
      }},
+    {"SourceGoneMidInKernelCopy",
+     [](TTest& test) {
+         // Source and copy on one file system: the kernel copies, and its second call fails.
+         test.WriteSource("firmware.bin", PseudoRandomBytes(512 * 1024, 7));
+         test.m_fault.FailReadsOf(test.Source("firmware.bin"), EIO);
+         return IFileHandler::CopyFile(Bytes(test.Source("firmware.bin")),
+                                       Bytes(test.Source("copy.bin")));
+     },
+     -1, "CopyFile",
+     [](const TTest& test) {
+         return Literal("copying " + test.Source("firmware.bin") + " to " +
+                        test.Source("copy.bin") + ": writing " + test.Source("copy.bin") +
+                        ": Input/output error");
+     }},
+    {"ExistingRevisionOnAReadOnlyMount",
+     [](TTest& test) {
+         if (!test.MountForTheFailure()) {
+             return 0;
+         }
+         test.WriteSource("revision", "R11");
+         EXPECT_EQ(IFileHandler::CopyFile(Bytes(test.Source("revision")),
+                                          Bytes(test.OnStorage("revision"))),
+                   0);
+         test.RemountReadOnly();
+         return IFileHandler::FOpen(Bytes(test.OnStorage("revision")), "w") == nullptr ? -1 : 0;
+     },
+     -1, "FOpen",
+     [](const TTest& test) {
+         return Literal("opening " + test.OnStorage("revision") +
+                        " with mode w: Read-only file system");
+     }},
+    {"MeasuringAMissingFile",
+     [](TTest& test) { return IFileHandler::FileSize(Bytes(test.Source("loader.bin"))); }, -1,
+     "FileSize",
+     [](const TTest& test) {
+         return Literal("measuring " + test.Source("loader.bin") + ": No such file or directory");
+     }},
+    {"FileTooLargeToMeasure",
+     [](TTest& test) {
+         test.WriteSource("loader.bin", "");
+         EXPECT_EQ(truncate(test.Source("loader.bin").c_str(), 3LL << 30), 0);
+         return IFileHandler::FileSize(Bytes(test.Source("loader.bin")));
+     },
+     -1, "FileSize",
+     [](const TTest& test) {
+         return Literal("measuring " + test.Source("loader.bin") +
+                        ": 3221225472 bytes do not fit the result");
+     }},
 };
 
 INSTANTIATE_TEST_SUITE_P(EachStorageFailure, LinuxFileHandlerFailureTest,
                          ::testing::ValuesIn(kStorageFailures),
                          [](const auto& testCase) { return std::string(testCase.param.name); });
+
+// A handler destroyed while a file on its storage is still open detaches the mount from the tree;
+// the kernel releases it, and its loop device, when that file closes.
+TEST_F(LinuxFileHandlerFailureTest,
+       HandlerDestroyedWhileTheStorageIsBusyReleasesItWhenTheFileCloses) {
+    FILE* open = nullptr;
+    {
+        CLinuxFileHandler handler({{2, "ext4"}});
+        ASSERT_EQ(handler.Mount(Bytes(Image()), Bytes(MountPoint()), IFileHandler::eFormatMovinand),
+                  0)
+            << handler.LastError();
+        open = std::fopen(OnStorage("revision").c_str(), "w");
+        ASSERT_NE(open, nullptr);
+    }
+    EXPECT_FALSE(m_storage.IsMounted());
+    EXPECT_EQ(m_storage.AttachedLoopDevices().size(), 1u);
+    std::fclose(open);
+    ExpectNothingLeft();
+}
 
 }  // namespace
