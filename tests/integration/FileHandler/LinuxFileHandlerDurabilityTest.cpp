@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -14,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "DurableFiles.h"
 #include "InstalledBackend.h"
 #include "LinuxFileHandler.h"
 #include "LogCapture.h"
@@ -186,6 +188,34 @@ TEST_F(LinuxFileHandlerDurabilityTest, SyncWithoutMountedStorageSyncsNothing) {
     CSyncCallLog log;
     EXPECT_EQ(IFileHandler::Sync(), 0);
     EXPECT_EQ(log.Calls(), TCalls{});
+}
+
+TEST(DurableFilesTest, FolderOfAndLastPathPartOfEachShapeOfPath) {
+    EXPECT_EQ(FolderOf("/mnt/flash/update/boot.bin"), "/mnt/flash/update");
+    EXPECT_EQ(FolderOf("/mnt/flash/update/"), "/mnt/flash");
+    EXPECT_EQ(FolderOf("/mnt//update"), "/mnt");
+    EXPECT_EQ(FolderOf("/revision"), "/");
+    EXPECT_EQ(FolderOf("revision"), ".");
+    EXPECT_EQ(FolderOf("/"), "/");
+    EXPECT_EQ(LastPathPart("/mnt/flash/update/boot.bin"), "boot.bin");
+    EXPECT_EQ(LastPathPart("/mnt/flash/update/"), "update");
+    EXPECT_EQ(LastPathPart("revision"), "revision");
+}
+
+TEST(DurableFilesTest, APipeHasNothingToSync) {
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    const CStatus synced = SyncDescriptor(ends[1], "a pipe");
+    EXPECT_TRUE(synced) << synced.Message();
+    close(ends[0]);
+    close(ends[1]);
+}
+
+TEST(DurableFilesTest, AMissingFolderCannotBeSynced) {
+    CTemporaryDirectory directory;
+    const CStatus synced = SyncFolder(directory.Join("absent"));
+    EXPECT_EQ(synced.Message(), "opening folder " + directory.Join("absent") +
+                                    " to sync it: No such file or directory");
 }
 
 // Sync on a mounted storage: that storage written back, and its write-back error reported.
