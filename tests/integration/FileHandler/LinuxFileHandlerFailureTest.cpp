@@ -23,6 +23,7 @@
 #include "InstalledBackend.h"
 #include "LinuxFileHandler.h"
 #include "LogCapture.h"
+#include "MountTable.h"
 #include "Prerequisite.h"
 #include "PseudoRandomBytes.h"
 #include "StorageCallFault.h"
@@ -395,11 +396,47 @@ TEST_F(LinuxFileHandlerFailureTest,
 // A kernel without the one-step bind (before 5.8) refuses it as unknown: the image is bound in
 // the two older steps and mounted all the same.
 TEST_F(LinuxFileHandlerFailureTest, KernelWithoutOneStepBindStillMountsTheImage) {
-    m_fault.FailIoctl(LOOP_CONFIGURE, EINVAL);
-    ASSERT_EQ(MountStorage(), 0) << m_handler.LastError();
-    EXPECT_TRUE(m_storage.IsMounted());
-    EXPECT_EQ(m_storage.AttachedLoopDevices().size(), 1u);
+    for (const int unknown : {EINVAL, ENOTTY}) {
+        m_fault.FailIoctl(LOOP_CONFIGURE, unknown);
+        ASSERT_EQ(MountStorage(), 0) << m_handler.LastError();
+        EXPECT_TRUE(m_storage.IsMounted());
+        EXPECT_EQ(m_storage.AttachedLoopDevices().size(), 1u);
+        EXPECT_EQ(IFileHandler::Umount(Bytes(MountPoint())), 0) << m_handler.LastError();
+        EXPECT_TRUE(m_storage.AwaitNoLoopDevice());
+    }
     EXPECT_EQ(m_capture.Records().size(), 0u);
+    ExpectNothingLeft();
+}
+
+// An image that can be read but not written where it lies (a folder mounted read-only) is
+// attached read-only and mounted read-only: the storage is readable, and refuses writes.
+TEST_F(LinuxFileHandlerFailureTest, ImageOnAReadOnlyMountIsAttachedAndMountedReadOnly) {
+    const std::string image = Source("movinand.img");
+    WriteSource("movinand.img", "");
+    ASSERT_EQ(mount(Image().c_str(), image.c_str(), nullptr, MS_BIND, nullptr), 0)
+        << std::strerror(errno);
+    struct CBindMount {
+        const std::string& path;
+        ~CBindMount() { umount2(path.c_str(), MNT_DETACH); }
+    } bound{image};
+    ASSERT_EQ(mount(nullptr, image.c_str(), nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr), 0)
+        << std::strerror(errno);
+
+    ASSERT_EQ(IFileHandler::Mount(Bytes(image), Bytes(MountPoint()), IFileHandler::eFormatMovinand),
+              0)
+        << m_handler.LastError();
+    const std::vector<std::string> devices = LoopDevicesBackedBy(image);
+    ASSERT_EQ(devices.size(), 1u);
+    std::ifstream readOnly("/sys/block/" + devices[0].substr(5) + "/ro");
+    int flag = 0;
+    readOnly >> flag;
+    readOnly.close();
+    EXPECT_EQ(flag, 1);
+    EXPECT_EQ(IFileHandler::MakeFolder(Bytes(OnStorage("update"))), -1);
+    EXPECT_EQ(m_handler.LastError(),
+              "making folder " + OnStorage("update") + ": Read-only file system");
+    EXPECT_EQ(IFileHandler::Umount(Bytes(MountPoint())), 0) << m_handler.LastError();
+    EXPECT_TRUE(LoopDevicesBackedBy(image).empty());
     ExpectNothingLeft();
 }
 
