@@ -444,4 +444,19 @@ TEST_F(LinuxFileHandlerFailureTest, ClosingNoStreamFails) {
     EXPECT_EQ(IFileHandler::FClose(nullptr), EOF);
 }
 
+// A storage unmounted behind the handler's back (by an operator, by a killed host's successor) is
+// no longer the handler's to unmount: destroying the handler leaves it as it is and frees the
+// loop device.
+TEST_F(LinuxFileHandlerFailureTest, HandlerDestroyedAfterItsStorageWasUnmountedElsewhere) {
+    {
+        CLinuxFileHandler handler({{2, "ext4"}});
+        ASSERT_EQ(handler.Mount(Bytes(Image()), Bytes(MountPoint()), IFileHandler::eFormatMovinand),
+                  0)
+            << handler.LastError();
+        ASSERT_EQ(umount2(MountPoint().c_str(), 0), 0) << std::strerror(errno);
+    }
+    EXPECT_EQ(m_capture.Records().size(), 0u);
+    ExpectNothingLeft();
+}
+
 }  // namespace
