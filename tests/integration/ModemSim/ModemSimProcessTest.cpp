@@ -209,6 +209,7 @@ TEST_F(ModemSimProcessTest, WholeUpdateLeavesTheFirmwareInTheFlashAndTheSummary)
           "09 00 00 00 90 60 ea 00 00", "03", "04 00 00 00 90 60 ea 00 00", "01"}},
         {"bytes_flashed", 60000},
         {"write_complete", true},
+        {"line_hung_up", false},
         {"flash_sha256", digest.HexDigest()},
     };
     EXPECT_EQ(summary, expected) << summary.dump(2);
