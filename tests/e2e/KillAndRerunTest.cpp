@@ -286,7 +286,7 @@ private:
 // The rounds of the loaded run: MODEMLOADER_KILL_ROUNDS, or a few for CI; 0 when it is not a
 // whole number.
 int LoadedRounds() {
-    constexpr int kRoundsInCi = 3;
+    constexpr int kRoundsInCi = 10;
     const char* text = std::getenv("MODEMLOADER_KILL_ROUNDS");
     if (text == nullptr || *text == '\0') {
         return kRoundsInCi;
