@@ -629,6 +629,11 @@ protected:
         const CStatus reran = device->RunUpdate(TUpdateOptions(), rerun);
         checks.Check(static_cast<bool>(reran), "running the update again", reran.Message());
         CheckRerun(checks, *device, rerun);
+        // The stored revision never changes here, so the rerun needs the update: a success
+        // without this record came from the fake loader (a device tree that could not be read
+        // sends Install there), which copies nothing.
+        checks.Check(TraceHasLog(rerun, "Copied files to movinand"),
+                     "the rerun's archive loader copied the files", DescribeUpdate(rerun));
         const bool copiesAfter = CopiesComplete(*device, false);
         checks.Check(copiesAfter, "after the rerun the four copies are complete",
                      DescribeUpdate(rerun));
