@@ -379,6 +379,8 @@ public:
         std::printf("[ kill-and-rerun ]   %s: %s; left %s; %s\n", m_point.c_str(),
                     killedMidRun ? "killed mid-run" : "not killed before the result",
                     m_left.c_str(), m_survived ? "survived" : "FAILED");
+        // A long run is watched through its log as it goes.
+        std::fflush(stdout);
         return m_survived;
     }
 
