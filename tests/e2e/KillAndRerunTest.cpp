@@ -313,6 +313,15 @@ std::string DescribeUpdate(const TUpdateResult& result) {
     return text.str();
 }
 
+bool FirstUnmountSucceeded(const TUpdateResult& result) {
+    for (const nlohmann::json& line : result.trace) {
+        if (line.value("kind", "") == "umount") {
+            return line.value("status", -1) == 0;
+        }
+    }
+    return false;
+}
+
 bool TraceHasLog(const TUpdateResult& result, const std::string& text) {
     for (const nlohmann::json& line : result.trace) {
         if (line.value("kind", "") == "log" && line.value("text", "") == text) {
@@ -479,9 +488,16 @@ protected:
     }
 
     // The rerun finished the update and released the storage.
+    // `leftMounted`: the killed host left the storage mounted.
     static void CheckRerun(CPointChecks& checks, const CSimulatedDevice& device,
-                           const TUpdateResult& rerun) {
+                           const TUpdateResult& rerun, bool leftMounted) {
         checks.Check(rerun.exitCode == 0, "the rerun succeeds", DescribeUpdate(rerun));
+        // The mount that the killed host left must be gone before the rerun mounts the storage:
+        // a mount over it would put two file systems on one image through two loop devices,
+        // each writing its own view of the same blocks.
+        checks.Check(!leftMounted || FirstUnmountSucceeded(rerun),
+                     "the rerun's Prepare unmounts the mount the killed host left",
+                     DescribeUpdate(rerun));
         checks.Check(!device.IsStorageMounted(), "the rerun leaves the storage unmounted");
         checks.Check(device.Storage().AwaitNoLoopDevice(),
                      "the rerun leaves no loop device attached to the storage");
@@ -536,8 +552,8 @@ protected:
         checks.Check(!sourceRemoved || newRevision,
                      "a source file is removed only after the new revision was written",
                      killed.trace);
-        checks.Left(std::string(device->IsStorageMounted() ? "the storage mounted"
-                                                           : "the storage unmounted") +
+        const bool leftMounted = device->IsStorageMounted();
+        checks.Left(std::string(leftMounted ? "the storage mounted" : "the storage unmounted") +
                     ", " + std::to_string(flashBefore.size()) + " bytes flashed, " +
                     (newRevision ? "the new revision" : "the old revision") + ", " +
                     (sourceRemoved ? "sources removed" : "sources kept"));
@@ -556,7 +572,7 @@ protected:
         checks.Check(static_cast<bool>(modemStopped), "stopping the restarted modem",
                      modemStopped.message());
 
-        CheckRerun(checks, *device, rerun);
+        CheckRerun(checks, *device, rerun, leftMounted);
         std::string flashAfter = flashBefore;
         if (Wrote(secondSummary)) {
             static_cast<void>(ReadWholeFile(CRestartedModem::FlashFile(*device), flashAfter));
@@ -612,10 +628,10 @@ protected:
 
         std::string flag;
         const bool flagged = ReadStorageAfterKill(*device, kFlagFile, flag);
-        checks.Left((device->IsStorageMounted()
-                         ? "the storage mounted, " + std::to_string(CopiedBytes(*device)) +
-                               " bytes in the copies"
-                         : std::string("the storage unmounted")) +
+        const bool leftMounted = device->IsStorageMounted();
+        checks.Left((leftMounted ? "the storage mounted, " + std::to_string(CopiedBytes(*device)) +
+                                       " bytes in the copies"
+                                 : std::string("the storage unmounted")) +
                     (flagged ? ", the flag file" : ", no flag file"));
         checks.Check(!flagged || CopiesComplete(*device, true),
                      "the flag file exists only beside four complete copies", killed.trace);
@@ -630,7 +646,7 @@ protected:
         TUpdateResult rerun;
         const CStatus reran = device->RunUpdate(TUpdateOptions(), rerun);
         checks.Check(static_cast<bool>(reran), "running the update again", reran.Message());
-        CheckRerun(checks, *device, rerun);
+        CheckRerun(checks, *device, rerun, leftMounted);
         // The stored revision never changes here, so the rerun needs the update: a success
         // without this record came from the fake loader (a device tree that could not be read
         // sends Install there), which copies nothing.
