@@ -53,6 +53,10 @@ public:
     std::vector<std::string> HostArguments(const TUpdateOptions& options) const;
     std::vector<std::string> HostEnvironment() const;
     [[nodiscard]] CStatus StopModem(nlohmann::json& summary);
+    // Starts the modem again once a run stopped it, with `modemOptions` instead of the settings'
+    // (a fault taken away): switched off, the control pin released, as after the unit's reset.
+    // It writes the same flash file, trace and summary, emptied.
+    [[nodiscard]] CStatus RestartModem(const std::vector<std::string>& modemOptions);
 
     const TDeviceSettings& Settings() const { return m_settings; }
     const TDevicePrograms& Programs() const { return m_programs; }
