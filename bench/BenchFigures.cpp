@@ -7,6 +7,7 @@
 
 #include "CopyBenchmark.h"
 #include "Footprint.h"
+#include "IntegrationOverhead.h"
 #include "ProgressPlot.h"
 #include "SimulatedDevice.h"
 #include "TemporaryDirectory.h"
@@ -54,6 +55,11 @@ CStatus CBenchFigures::Run() {
     }
     if (Wanted(6)) {
         if (CStatus status = Footprint(); !status) {
+            return status;
+        }
+    }
+    if (Wanted(7)) {
+        if (CStatus status = UpdateSystems(); !status) {
             return status;
         }
     }
@@ -313,5 +319,34 @@ CStatus CBenchFigures::TargetFootprint(std::size_t nativeStrippedBytes) {
                                " KiB as built, armhf preset)",
                            "KiB", 1, stripped, static_cast<double>(nativeStrippedBytes) / 1024,
                            "the x86-64 plug-in stripped, figure 6"});
+    return CStatus::Ok();
+}
+
+CStatus CBenchFigures::UpdateSystems() {
+    // An install may take this much longer than the host's own run of the same update.
+    constexpr double kOverheadLimitSeconds = 1.5;
+    if (const std::string missing = CIntegrationOverhead::MenderMissing(); !missing.empty()) {
+        return CStatus::Failure("update-system overhead: " + missing);
+    }
+    TResultRow mender{"7a",
+                      "Mender overhead: wall time of `mender install` of a signed artifact "
+                      "(60000-byte firmware, 10 ms tick) minus modemloader-host's own run of the "
+                      "same update on a device made alike",
+                      "s",
+                      2,
+                      {},
+                      kOverheadLimitSeconds,
+                      "goal per install"};
+    for (unsigned run = 0; run < m_options.runs; ++run) {
+        TOverheadMeasurement measurement;
+        if (CStatus status = CIntegrationOverhead::MeasureMender(run + 1, measurement); !status) {
+            return status.WithContext("Mender overhead");
+        }
+        mender.samples.Add(measurement.OverheadSeconds());
+        Progress("Mender overhead " + RunLabel(run) + ": install " +
+                 Fixed(measurement.installSeconds, 2) + " s, host alone " +
+                 Fixed(measurement.hostSeconds, 2) + " s");
+    }
+    m_table.Add(std::move(mender));
     return CStatus::Ok();
 }

@@ -3,7 +3,9 @@
 // device-tree stand-in with its blob, unpacked under a temporary root and running with that
 // root's libhostservices. Nothing of the source tree or of a build folder reaches the device, so
 // a package that lacks a file (the stand-in, a blob) fails here: without the stand-in the
-// plug-in finds no integrated modem and its fake loader "succeeds" without flashing.
+// plug-in finds no integrated modem and its fake loader "succeeds" without flashing. Then one
+// update through each update system's real client with the integration its package installed
+// (the client's isolated set-up is the end-to-end tests' own).
 //
 // Run by the packaging stage of ./run test, which unpacks the packages and sets
 //   MODEMLOADER_INSTALLED_ROOT    the temporary root
@@ -15,6 +17,7 @@
 #include <string>
 
 #include "EndToEndTest.h"
+#include "MenderClient.h"
 #include "Prerequisite.h"
 
 namespace {
@@ -45,11 +48,40 @@ protected:
         m_programs.interposer = root + "/" + libdir + "/modem-sim/libfdtexport_interposer.so";
         m_programs.blobFolder = root + "/usr/share/modem-sim/fdtexport";
         m_programs.libraryPath = root + "/" + libdir;
+        m_root = root;
         const std::string missing = CSimulatedDevice::MissingPrerequisite(m_programs);
         ASSERT_EQ(missing, "") << "the unpacked packages lack a program";
     }
 
+    std::string Installed(const std::string& path) const { return m_root + path; }
+
+    // A device whose own configuration offers the revision it already has: only the update
+    // system's revision can make the host flash.
+    static TDeviceSettings SettingsForAnUpdateSystem() {
+        TDeviceSettings settings;
+        settings.revision = "100";
+        return settings;
+    }
+
+    // The update system's install flashed the modem with the firmware and recorded revision 124;
+    // the host removed the update files ("removable" is 1).
+    void ExpectInstalledByTheUpdateSystem(const TChildResult& install) {
+        nlohmann::json summary;
+        const CStatus stopped = m_device->StopModem(summary);
+        ASSERT_TRUE(stopped.IsOk()) << stopped.Message();
+        EXPECT_EQ(install.exitCode, 0) << ::Describe(install);
+        std::string flash;
+        ASSERT_TRUE(m_device->ReadFlash(flash).IsOk());
+        EXPECT_TRUE(flash == m_device->Firmware())
+            << "flash " << flash.size() << " bytes, firmware " << m_device->Firmware().size();
+        EXPECT_EQ(summary.value("loader_ok", false), true) << summary.dump();
+        EXPECT_EQ(StorageFile("revision"), kWrittenRevision);
+        EXPECT_TRUE(SourcesGone());
+        ExpectStorageReleased();
+    }
+
     TDevicePrograms m_programs;
+    std::string m_root;
 };
 
 TEST_F(InstalledPackageTest, TheInstalledProgramsFlashTheEmulatedModem) {
@@ -62,6 +94,31 @@ TEST_F(InstalledPackageTest, TheInstalledProgramsFlashTheEmulatedModem) {
     // The whole image-loader update, the device tree's "GPRS modem specified in FDT data"
     // included, and the modem's flash equal to the firmware: the fake loader would log neither.
     ExpectCompleteUpdate(settings.firmwareBytes);
+}
+
+TEST_F(InstalledPackageTest, TheInstalledMenderModuleInstallsAnArtifact) {
+    if (const std::string missing = CMenderClient::MissingPrerequisite(); !missing.empty()) {
+        MODEMLOADER_MISSING_PREREQUISITE(missing);
+    }
+    MakeDevice(SettingsForAnUpdateSystem(), m_programs);
+    ASSERT_FALSE(HasFatalFailure());
+    TMenderSetup setup;
+    setup.module = Installed("/usr/share/mender/modules/v3/modem-firmware");
+    std::unique_ptr<CMenderClient> client;
+    const CStatus made = CMenderClient::Create(*m_device, setup, client);
+    ASSERT_TRUE(made.IsOk()) << made.Message();
+    std::string artifact;
+    const CStatus packed = client->MakeArtifact(TArtifactRequest(), artifact);
+    ASSERT_TRUE(packed.IsOk()) << packed.Message();
+
+    const TChildResult install = client->Install(artifact);
+
+    ASSERT_TRUE(install.started) << install.error;
+    ExpectInstalledByTheUpdateSystem(install);
+    EXPECT_NE(install.err.find("modem-firmware: revision 124 installed"), std::string::npos)
+        << ::Describe(install);
+    const TChildResult shown = client->ShowArtifact();
+    EXPECT_EQ(shown.out, "modem-firmware-124\n") << ::Describe(shown);
 }
 
 }  // namespace

@@ -76,9 +76,10 @@ CStatus CMenderClient::Build(const TMenderSetup& setup) {
         }
     }
     std::error_code error;
-    std::filesystem::copy_file(ModulePath(), PathOf(std::string("modules/") + kModuleName), error);
+    const std::string module = setup.module.empty() ? ModulePath() : setup.module;
+    std::filesystem::copy_file(module, PathOf(std::string("modules/") + kModuleName), error);
     if (error) {
-        return CStatus::Failure("copying " + ModulePath() + ": " + error.message());
+        return CStatus::Failure("copying " + module + ": " + error.message());
     }
 
     // The paths as the client sees them inside its namespace. ModulesPath, ModulesWorkPath and
