@@ -163,8 +163,15 @@ CStatus CRaucService::MakeSigningKeys(const std::string& name) const {
 }
 
 CStatus CRaucService::MakeBundle(const TBundleRequest& request, std::string& bundle) const {
-    bundle = PathOf("modem-firmware-" + request.revision + "-" + request.signer + "-" +
-                    request.compatible + ".raucb");
+    // Named after what sets it apart from the device's own kind of bundle.
+    std::string name = "modem-firmware-" + request.revision;
+    if (request.signer != "fleet") {
+        name += "-" + request.signer;
+    }
+    if (request.compatible != kCompatible) {
+        name += "-" + request.compatible;
+    }
+    bundle = PathOf(name + ".raucb");
     const std::string signer = PathOf("keys/" + request.signer + "-signer");
     const std::vector<std::string> arguments{BundleMakerPath(),
                                              "--compatible",
