@@ -220,7 +220,7 @@ TEST_F(MenderUpdateTest, MisspeltModuleSettingFailsTheInstallBeforeTheHostRuns) 
     EXPECT_NE(m_install.exitCode, 0) << ::Describe(m_install);
     const std::size_t lines =
         static_cast<std::size_t>(std::count(settings.begin(), settings.end(), '\n'));
-    EXPECT_NE(m_install.err.find("modem-firmware: settings /etc/mender/modem-firmware.conf:" +
+    EXPECT_NE(m_install.err.find("modem-update: settings /etc/mender/modem-firmware.conf:" +
                                  std::to_string(lines + 1) + ": unknown key 'tickms'"),
               std::string::npos)
         << ::Describe(m_install);
@@ -314,8 +314,12 @@ TEST_P(MenderFaultTest, InstallFailsAndTheDeviceKeepsItsArtifactRevisionAndUpdat
 
     EXPECT_NE(m_install.exitCode, 0) << ::Describe(m_install);
     EXPECT_TRUE(HasHostLine(m_install.err, GetParam().hostLogLine)) << ::Describe(m_install);
-    EXPECT_NE(m_install.err.find("modem-firmware: modemloader-host exited with status 1; "
+    EXPECT_NE(m_install.err.find("modem-update: modemloader-host exited with status 1; "
                                  "revision 124 not installed"),
+              std::string::npos)
+        << ::Describe(m_install);
+    EXPECT_NE(m_install.err.find("modem-firmware: revision 124 not installed (modem-update exited "
+                                 "with status 1)"),
               std::string::npos)
         << ::Describe(m_install);
     ExpectSummary(GetParam().summary);

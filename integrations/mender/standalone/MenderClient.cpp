@@ -100,7 +100,8 @@ CStatus CMenderClient::Build(const TMenderSetup& setup) {
     std::ostringstream settings;
     settings << "host = " << m_device.Programs().host << "\n"
              << "config = " << m_device.ConfigFile() << "\n"
-             << "timeout = " << kHostTimeoutSeconds << "\n";
+             << "timeout = " << kHostTimeoutSeconds << "\n"
+             << "runner = " << MODEMLOADER_UPDATE_RUNNER << "\n";
     for (const std::string& variable : m_device.HostEnvironment()) {
         settings << "environment = " << variable << "\n";
     }
