@@ -325,8 +325,11 @@ CStatus CBenchFigures::TargetFootprint(std::size_t nativeStrippedBytes) {
 CStatus CBenchFigures::UpdateSystems() {
     // An install may take this much longer than the host's own run of the same update.
     constexpr double kOverheadLimitSeconds = 1.5;
-    if (const std::string missing = CIntegrationOverhead::MenderMissing(); !missing.empty()) {
-        return CStatus::Failure("update-system overhead: " + missing);
+    for (const std::string& missing :
+         {CIntegrationOverhead::MenderMissing(), CIntegrationOverhead::RaucMissing()}) {
+        if (!missing.empty()) {
+            return CStatus::Failure("update-system overhead: " + missing);
+        }
     }
     TResultRow mender{"7a",
                       "Mender overhead: wall time of `mender install` of a signed artifact "
@@ -347,6 +350,26 @@ CStatus CBenchFigures::UpdateSystems() {
                  Fixed(measurement.installSeconds, 2) + " s, host alone " +
                  Fixed(measurement.hostSeconds, 2) + " s");
     }
+    TResultRow rauc{"7c",
+                    "RAUC overhead: wall time of `rauc install` of a signed plain bundle (the "
+                    "isolated service started for it) minus modemloader-host's own run of the "
+                    "same update on a device made alike",
+                    "s",
+                    2,
+                    {},
+                    kOverheadLimitSeconds,
+                    "goal per install"};
+    for (unsigned run = 0; run < m_options.runs; ++run) {
+        TOverheadMeasurement measurement;
+        if (CStatus status = CIntegrationOverhead::MeasureRauc(run + 1, measurement); !status) {
+            return status.WithContext("RAUC overhead");
+        }
+        rauc.samples.Add(measurement.OverheadSeconds());
+        Progress("RAUC overhead " + RunLabel(run) + ": install " +
+                 Fixed(measurement.installSeconds, 2) + " s, host alone " +
+                 Fixed(measurement.hostSeconds, 2) + " s");
+    }
     m_table.Add(std::move(mender));
+    m_table.Add(std::move(rauc));
     return CStatus::Ok();
 }

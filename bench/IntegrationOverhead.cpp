@@ -5,6 +5,7 @@
 
 #include "ChildProcess.h"
 #include "MenderClient.h"
+#include "RaucService.h"
 #include "SimulatedDevice.h"
 
 namespace {
@@ -102,6 +103,40 @@ CStatus CIntegrationOverhead::MeasureMender(uint64_t seed, TOverheadMeasurement&
     }
     if (installed.exitCode != 0) {
         return CStatus::Failure(context + ": " + Describe(installed));
+    }
+    return ExpectFlashed(*device, context);
+}
+
+std::string CIntegrationOverhead::RaucMissing() { return CRaucService::MissingPrerequisite(); }
+
+CStatus CIntegrationOverhead::MeasureRauc(uint64_t seed, TOverheadMeasurement& measurement) {
+    const std::string context = "rauc install";
+    if (CStatus status = MeasureHost(seed, measurement.hostSeconds); !status) {
+        return status;
+    }
+    std::unique_ptr<CSimulatedDevice> device;
+    if (CStatus status = CSimulatedDevice::Create(Settings(seed), device); !status) {
+        return status.WithContext(context);
+    }
+    std::unique_ptr<CRaucService> rauc;
+    if (CStatus status = CRaucService::Create(*device, rauc); !status) {
+        return status.WithContext(context);
+    }
+    std::string bundle;
+    if (CStatus status = rauc->MakeBundle(TBundleRequest(), bundle); !status) {
+        return status.WithContext(context);
+    }
+
+    // The client's whole run: the isolated service's start, the bundle's checks, the hook.
+    const auto start = std::chrono::steady_clock::now();
+    const TChildResult installed = rauc->Install(bundle);
+    measurement.installSeconds = SecondsSince(start);
+    nlohmann::json summary;
+    if (CStatus status = device->StopModem(summary); !status) {
+        return status.WithContext(context);
+    }
+    if (installed.exitCode != 0) {
+        return CStatus::Failure(context + ": " + Describe(installed) + "\n" + rauc->ServiceLog());
     }
     return ExpectFlashed(*device, context);
 }

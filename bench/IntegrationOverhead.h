@@ -23,6 +23,10 @@ public:
     static std::string MenderMissing();
     // `mender install` of a signed artifact through the update module modem-firmware.
     [[nodiscard]] static CStatus MeasureMender(uint64_t seed, TOverheadMeasurement& measurement);
+    // Empty when RAUC can run here; otherwise why not.
+    static std::string RaucMissing();
+    // `rauc install` of a bundle signed by the device's CA, through the bundle's hook.
+    [[nodiscard]] static CStatus MeasureRauc(uint64_t seed, TOverheadMeasurement& measurement);
 
 private:
     // The host's own run of the update on a fresh device with `seed`.

@@ -19,6 +19,7 @@
 #include "EndToEndTest.h"
 #include "MenderClient.h"
 #include "Prerequisite.h"
+#include "RaucService.h"
 
 namespace {
 
@@ -54,6 +55,9 @@ protected:
     }
 
     std::string Installed(const std::string& path) const { return m_root + path; }
+    std::string InstalledRunner() const {
+        return Installed("/usr/libexec/modemloader/modem-update");
+    }
 
     // A device whose own configuration offers the revision it already has: only the update
     // system's revision can make the host flash.
@@ -104,6 +108,7 @@ TEST_F(InstalledPackageTest, TheInstalledMenderModuleInstallsAnArtifact) {
     ASSERT_FALSE(HasFatalFailure());
     TMenderSetup setup;
     setup.module = Installed("/usr/share/mender/modules/v3/modem-firmware");
+    setup.runner = InstalledRunner();
     std::unique_ptr<CMenderClient> client;
     const CStatus made = CMenderClient::Create(*m_device, setup, client);
     ASSERT_TRUE(made.IsOk()) << made.Message();
@@ -119,6 +124,33 @@ TEST_F(InstalledPackageTest, TheInstalledMenderModuleInstallsAnArtifact) {
         << ::Describe(install);
     const TChildResult shown = client->ShowArtifact();
     EXPECT_EQ(shown.out, "modem-firmware-124\n") << ::Describe(shown);
+}
+
+TEST_F(InstalledPackageTest, TheInstalledRaucHookInstallsABundle) {
+    if (const std::string missing = CRaucService::MissingPrerequisite(); !missing.empty()) {
+        MODEMLOADER_MISSING_PREREQUISITE(missing);
+    }
+    MakeDevice(SettingsForAnUpdateSystem(), m_programs);
+    ASSERT_FALSE(HasFatalFailure());
+    // The installed bundle maker puts the hook installed beside it into the bundle.
+    TRaucSetup setup;
+    setup.runner = InstalledRunner();
+    setup.bundleMaker = Installed("/usr/share/modemloader-rauc/modem-raucb");
+    std::unique_ptr<CRaucService> rauc;
+    const CStatus made = CRaucService::Create(*m_device, rauc, setup);
+    ASSERT_TRUE(made.IsOk()) << made.Message();
+    std::string bundle;
+    const CStatus packed = rauc->MakeBundle(TBundleRequest(), bundle);
+    ASSERT_TRUE(packed.IsOk()) << packed.Message();
+
+    const TChildResult install = rauc->Install(bundle);
+
+    ASSERT_TRUE(install.started) << install.error;
+    const std::string serviceLog = rauc->ServiceLog();
+    ExpectInstalledByTheUpdateSystem(install);
+    EXPECT_NE(serviceLog.find("modem-hook: revision 124 installed"), std::string::npos)
+        << serviceLog;
+    EXPECT_EQ(rauc->InstalledVersion(), "124");
 }
 
 }  // namespace

@@ -101,7 +101,9 @@ CStatus CMenderClient::Build(const TMenderSetup& setup) {
     settings << "host = " << m_device.Programs().host << "\n"
              << "config = " << m_device.ConfigFile() << "\n"
              << "timeout = " << kHostTimeoutSeconds << "\n"
-             << "runner = " << MODEMLOADER_UPDATE_RUNNER << "\n";
+             << "runner = "
+             << (setup.runner.empty() ? std::string(MODEMLOADER_UPDATE_RUNNER) : setup.runner)
+             << "\n";
     for (const std::string& variable : m_device.HostEnvironment()) {
         settings << "environment = " << variable << "\n";
     }

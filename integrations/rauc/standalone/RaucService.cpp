@@ -55,9 +55,9 @@ std::string CRaucService::MissingPrerequisite() {
     return std::string();
 }
 
-CStatus CRaucService::Create(const CSimulatedDevice& device,
-                             std::unique_ptr<CRaucService>& service) {
-    std::unique_ptr<CRaucService> made(new CRaucService(device));
+CStatus CRaucService::Create(const CSimulatedDevice& device, std::unique_ptr<CRaucService>& service,
+                             const TRaucSetup& setup) {
+    std::unique_ptr<CRaucService> made(new CRaucService(device, setup));
     if (CStatus status = made->Build(); !status) {
         return status.WithContext("setting up RAUC");
     }
@@ -112,7 +112,9 @@ std::string CRaucService::SystemConfig() const {
 
 std::string CRaucService::Settings() const {
     std::ostringstream settings;
-    settings << "runner = " << MODEMLOADER_UPDATE_RUNNER << "\n"
+    const std::string runner =
+        m_setup.runner.empty() ? std::string(MODEMLOADER_UPDATE_RUNNER) : m_setup.runner;
+    settings << "runner = " << runner << "\n"
              << "host = " << m_device.Programs().host << "\n"
              << "config = " << m_device.ConfigFile() << "\n"
              << "timeout = " << kHostTimeoutSeconds << "\n";
@@ -173,7 +175,8 @@ CStatus CRaucService::MakeBundle(const TBundleRequest& request, std::string& bun
     }
     bundle = PathOf(name + ".raucb");
     const std::string signer = PathOf("keys/" + request.signer + "-signer");
-    const std::vector<std::string> arguments{BundleMakerPath(),
+    const std::string maker = m_setup.bundleMaker.empty() ? BundleMakerPath() : m_setup.bundleMaker;
+    const std::vector<std::string> arguments{maker,
                                              "--compatible",
                                              request.compatible,
                                              "--revision",

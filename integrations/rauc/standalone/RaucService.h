@@ -32,6 +32,13 @@ struct TBundleRequest {
     std::string signer = "fleet";  // the key set (MakeSigningKeys) whose signer signs it
 };
 
+// Where the device's integration comes from; empty: this source tree's (an installed package's
+// otherwise: the bundle maker carries the hook that lies beside it).
+struct TRaucSetup {
+    std::string runner;       // the shared runner the hook's settings name
+    std::string bundleMaker;  // modem-raucb
+};
+
 class CRaucService {
 public:
     // Empty when RAUC can run here; otherwise why not (root, rauc, mksquashfs, dbus-run-session,
@@ -43,7 +50,8 @@ public:
     static std::string IsolationPath();
 
     [[nodiscard]] static CStatus Create(const CSimulatedDevice& device,
-                                        std::unique_ptr<CRaucService>& service);
+                                        std::unique_ptr<CRaucService>& service,
+                                        const TRaucSetup& setup = TRaucSetup());
 
     // A test CA `name` and a signer certificate it issued, in keys/.
     [[nodiscard]] CStatus MakeSigningKeys(const std::string& name) const;
@@ -64,11 +72,13 @@ public:
     std::string PathOf(const std::string& name) const { return m_directory.Join(name); }
 
 private:
-    explicit CRaucService(const CSimulatedDevice& device) : m_device(device) {}
+    CRaucService(const CSimulatedDevice& device, const TRaucSetup& setup)
+        : m_device(device), m_setup(setup) {}
     CStatus Build();
     std::string SystemConfig() const;
     std::string Settings() const;
 
     const CSimulatedDevice& m_device;
+    const TRaucSetup m_setup;
     CTemporaryDirectory m_directory{"/tmp/modemloader-rauc-"};
 };
