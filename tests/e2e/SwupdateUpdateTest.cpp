@@ -237,7 +237,7 @@ TEST_F(SwupdateUpdateTest, InstallWritesTheUpdateFilesFlashesTheModemAndRecordsT
     Install(image);
     ASSERT_FALSE(HasFatalFailure());
 
-    EXPECT_EQ(m_install.exitCode, 0) << m_output;
+    EXPECT_TRUE(CSwupdateClient::Succeeded(m_install)) << m_output;
     EXPECT_TRUE(Printed("modem-firmware: installing revision 124")) << m_output;
     EXPECT_TRUE(Printed("modem-firmware: revision 124 installed")) << m_output;
     ExpectSummary({{"power_ups", 1},
@@ -265,7 +265,7 @@ TEST_F(SwupdateUpdateTest, ModemAlreadyUpToDateInstallsWithoutSwitchingTheModemO
     Install(MakeImage());
     ASSERT_FALSE(HasFatalFailure());
 
-    EXPECT_EQ(m_install.exitCode, 0) << m_output;
+    EXPECT_TRUE(CSwupdateClient::Succeeded(m_install)) << m_output;
     EXPECT_TRUE(HasHostLine("Modem already up to date")) << m_output;
     ExpectSummary({{"power_ups", 0}, {"loader_bytes", 0}, {"bytes_flashed", 0}});
     EXPECT_EQ(StorageFile("revision"), kWrittenRevision);
@@ -281,6 +281,7 @@ TEST_F(SwupdateUpdateTest, HostFailureFailsTheInstallAndKeepsRevisionAndUpdateFi
     ASSERT_FALSE(HasFatalFailure());
 
     EXPECT_NE(m_install.exitCode, 0) << m_output;
+    EXPECT_TRUE(Printed("SWUPDATE failed")) << m_output;
     EXPECT_TRUE(HasHostLine("Error Write: firmware checksum error")) << m_output;
     EXPECT_TRUE(
         Printed("modem-update: modemloader-host exited with status 1; revision 124 not "
@@ -312,7 +313,7 @@ TEST_F(SwupdateUpdateTest, ProgressRisesToOneHundredWhileTheModemIsWritten) {
     ASSERT_FALSE(HasFatalFailure());
     listener.Stop();
 
-    EXPECT_EQ(m_install.exitCode, 0) << m_output;
+    EXPECT_TRUE(CSwupdateClient::Succeeded(m_install)) << m_output;
     ASSERT_TRUE(listener.Connected());
     // The step in which the handler runs the host: every percentage there is the modem's.
     std::vector<TProgressSeen> update;
@@ -375,6 +376,7 @@ TEST_P(SwupdateRefusalTest, RefusedBeforeTheHandlerRuns) {
     ASSERT_FALSE(HasFatalFailure());
 
     EXPECT_NE(m_install.exitCode, 0) << m_output;
+    EXPECT_TRUE(Printed("SWUPDATE failed")) << m_output;
     EXPECT_TRUE(Printed(GetParam().reason)) << m_output;
     EXPECT_FALSE(Printed("modem-firmware: installing")) << m_output;
     ExpectUntouched();

@@ -52,6 +52,11 @@ public:
 
     // `swupdate -i IMAGE`, to its end.
     TChildResult Install(const std::string& image, bool showOutput = false) const;
+    // Whether an install succeeded: SWUpdate's exit status 0, or 1 after it reported
+    // "SWUPDATE successful" and no failure. SWUpdate 2022.12 in `-i` mode now and then exits
+    // with 1 after a complete, successful install (about one run in ten on a loaded machine,
+    // with or without our handler doing anything); its own report is the install's result.
+    static bool Succeeded(const TChildResult& install);
     // Runs the image maker on the device's update files; `image` is its path.
     [[nodiscard]] CStatus MakeImage(const TSwuRequest& request, std::string& image) const;
     // A copy of `image` whose member `member` has its first byte inverted, archived again in the

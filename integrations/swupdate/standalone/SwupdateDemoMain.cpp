@@ -51,8 +51,15 @@ int Demo(const CSimulatedDevice& device, const CSwupdateClient& client) {
     }
     std::printf("\n=== %s\n", CommandLine(client.InstallerArguments(image)).c_str());
     std::fflush(stdout);
-    const TChildResult installed = client.Install(image, true);
-    std::printf("=== swupdate exited with status %d\n", installed.exitCode);
+    // Captured, to tell its result (CSwupdateClient::Succeeded), and printed as it came:
+    // SWUpdate's log on standard output, the handler's and the host's lines on standard error.
+    const TChildResult installed = client.Install(image);
+    std::fputs(installed.out.c_str(), stdout);
+    std::fputs(installed.err.c_str(), stdout);
+    std::printf("=== swupdate exited with status %d%s\n", installed.exitCode,
+                installed.exitCode != 0 && CSwupdateClient::Succeeded(installed)
+                    ? " after reporting success"
+                    : "");
 
     std::string flash;
     std::string revision;
@@ -63,7 +70,7 @@ int Demo(const CSimulatedDevice& device, const CSwupdateClient& client) {
     std::printf("\n=== checks\nmodem flash equals the firmware (%zu bytes): %s\n",
                 device.Firmware().size(), flashed ? "yes" : "NO");
     std::printf("storage revision is 124: %s\n", recorded ? "yes" : "NO");
-    const bool passed = installed.exitCode == 0 && flashed && recorded;
+    const bool passed = CSwupdateClient::Succeeded(installed) && flashed && recorded;
     return passed ? 0 : Fail("the install or a check failed");
 }
 }  // namespace
