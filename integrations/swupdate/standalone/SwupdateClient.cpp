@@ -81,7 +81,7 @@ CStatus CSwupdateClient::Build(const TSwupdateSetup& setup) {
     // shows the handler's messages (info) and every refusal (error).
     const std::string config =
         "globals : {\n"
-        "    loglevel = 4;\n"
+        "    loglevel = 3;\n"
         "};\n"
         "versions : (\n"
         "    { name = \"modem\"; version = \"100\"; }\n"
