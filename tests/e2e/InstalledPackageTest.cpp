@@ -20,6 +20,7 @@
 #include "MenderClient.h"
 #include "Prerequisite.h"
 #include "RaucService.h"
+#include "SwupdateClient.h"
 
 namespace {
 
@@ -69,11 +70,12 @@ protected:
 
     // The update system's install flashed the modem with the firmware and recorded revision 124;
     // the host removed the update files ("removable" is 1).
-    void ExpectInstalledByTheUpdateSystem(const TChildResult& install) {
+    // `succeeded`: the system reported success; `output`: what it printed, for failures.
+    void ExpectInstalledByTheUpdateSystem(bool succeeded, const std::string& output) {
         nlohmann::json summary;
         const CStatus stopped = m_device->StopModem(summary);
         ASSERT_TRUE(stopped.IsOk()) << stopped.Message();
-        EXPECT_EQ(install.exitCode, 0) << ::Describe(install);
+        EXPECT_TRUE(succeeded) << output;
         std::string flash;
         ASSERT_TRUE(m_device->ReadFlash(flash).IsOk());
         EXPECT_TRUE(flash == m_device->Firmware())
@@ -119,11 +121,36 @@ TEST_F(InstalledPackageTest, TheInstalledMenderModuleInstallsAnArtifact) {
     const TChildResult install = client->Install(artifact);
 
     ASSERT_TRUE(install.started) << install.error;
-    ExpectInstalledByTheUpdateSystem(install);
+    ExpectInstalledByTheUpdateSystem(install.exitCode == 0, ::Describe(install));
     EXPECT_NE(install.err.find("modem-firmware: revision 124 installed"), std::string::npos)
         << ::Describe(install);
     const TChildResult shown = client->ShowArtifact();
     EXPECT_EQ(shown.out, "modem-firmware-124\n") << ::Describe(shown);
+}
+
+TEST_F(InstalledPackageTest, TheInstalledSwupdateHandlerInstallsAnImage) {
+    if (const std::string missing = CSwupdateClient::MissingPrerequisite(); !missing.empty()) {
+        MODEMLOADER_MISSING_PREREQUISITE(missing);
+    }
+    MakeDevice(SettingsForAnUpdateSystem(), m_programs);
+    ASSERT_FALSE(HasFatalFailure());
+    TSwupdateSetup setup;
+    setup.handlerFolder = Installed("/usr/share/lua/5.3");
+    setup.runner = InstalledRunner();
+    setup.imageMaker = Installed("/usr/share/modemloader-swupdate/modem-swu");
+    std::unique_ptr<CSwupdateClient> client;
+    const CStatus made = CSwupdateClient::Create(*m_device, setup, client);
+    ASSERT_TRUE(made.IsOk()) << made.Message();
+    std::string image;
+    const CStatus packed = client->MakeImage(TSwuRequest(), image);
+    ASSERT_TRUE(packed.IsOk()) << packed.Message();
+
+    const TChildResult install = client->Install(image);
+
+    ASSERT_TRUE(install.started) << install.error;
+    const std::string output = install.out + install.err;
+    ExpectInstalledByTheUpdateSystem(CSwupdateClient::Succeeded(install), ::Describe(install));
+    EXPECT_NE(output.find("modem-firmware: revision 124 installed"), std::string::npos) << output;
 }
 
 TEST_F(InstalledPackageTest, TheInstalledRaucHookInstallsABundle) {
@@ -147,7 +174,8 @@ TEST_F(InstalledPackageTest, TheInstalledRaucHookInstallsABundle) {
 
     ASSERT_TRUE(install.started) << install.error;
     const std::string serviceLog = rauc->ServiceLog();
-    ExpectInstalledByTheUpdateSystem(install);
+    ExpectInstalledByTheUpdateSystem(install.exitCode == 0,
+                                     ::Describe(install) + "\n" + serviceLog);
     EXPECT_NE(serviceLog.find("modem-hook: revision 124 installed"), std::string::npos)
         << serviceLog;
     EXPECT_EQ(rauc->InstalledVersion(), "124");

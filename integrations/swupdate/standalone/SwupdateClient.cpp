@@ -67,6 +67,7 @@ CStatus CSwupdateClient::Build(const TSwupdateSetup& setup) {
     if (CStatus status = m_directory.Made(); !status) {
         return status;
     }
+    m_imageMaker = setup.imageMaker.empty() ? ImageMakerPath() : setup.imageMaker;
     std::error_code error;
     if (!std::filesystem::create_directory(PathOf("t"), error)) {
         return CStatus::Failure("making " + PathOf("t") + ": " + error.message());
@@ -90,7 +91,9 @@ CStatus CSwupdateClient::Build(const TSwupdateSetup& setup) {
     settings << "host = " << m_device.Programs().host << "\n"
              << "config = " << m_device.ConfigFile() << "\n"
              << "timeout = " << kHostTimeoutSeconds << "\n"
-             << "runner = " << MODEMLOADER_UPDATE_RUNNER << "\n";
+             << "runner = "
+             << (setup.runner.empty() ? std::string(MODEMLOADER_UPDATE_RUNNER) : setup.runner)
+             << "\n";
     for (const std::string& variable : m_device.HostEnvironment()) {
         settings << "environment = " << variable << "\n";
     }
@@ -122,12 +125,14 @@ CStatus CSwupdateClient::MakeSigner(const std::string& name) const {
 std::string CSwupdateClient::InstallerScript(const TSwupdateSetup& setup) const {
     // TMPDIR is the folder's own t/: SWUpdate puts its sockets and extracted images there. The
     // mount namespace keeps whatever a handler mounts out of the machine's view.
+    const std::string handlers =
+        setup.handlerFolder.empty() ? HandlerFolder() : setup.handlerFolder;
     std::ostringstream script;
     script << "#!/bin/sh\n"
            << "# SWUpdate on the simulated device, isolated in " << Directory() << "\n"
            << "folder=" << Quoted(Directory()) << "\n"
            << "exec unshare --mount --propagation private env TMPDIR=\"$folder/t\" \\\n"
-           << "    LUA_PATH_5_3=" << Quoted(HandlerFolder() + "/?.lua;;") << " \\\n"
+           << "    LUA_PATH_5_3=" << Quoted(handlers + "/?.lua;;") << " \\\n"
            << "    MODEMLOADER_SWUPDATE_SETTINGS=\"$folder/modem-firmware.conf\" \\\n"
            << "    swupdate -f \"$folder/swupdate.cfg\" -k \"$folder/fleet.crt\" -B none -m -M \\\n"
            << "    -H " << Quoted(setup.board + ":" + setup.hardwareRevision) << " -i \"$@\"\n";
@@ -155,7 +160,7 @@ bool CSwupdateClient::Succeeded(const TChildResult& install) {
 CStatus CSwupdateClient::MakeImage(const TSwuRequest& request, std::string& image) const {
     image = PathOf("modem-firmware-" + request.revision + "-" + request.board + "-" +
                    (request.signer.empty() ? "unsigned" : request.signer) + ".swu");
-    std::vector<std::string> arguments{ImageMakerPath(),
+    std::vector<std::string> arguments{m_imageMaker,
                                        "--board",
                                        request.board,
                                        "--hardware-revision",

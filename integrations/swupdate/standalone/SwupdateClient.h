@@ -28,6 +28,11 @@
 struct TSwupdateSetup {
     std::string board = "modemloader-sim";
     std::string hardwareRevision = "1.0";
+    // Where the integration comes from; empty: this source tree's (an installed package's
+    // otherwise): the folder of swupdate_handlers.lua, the shared runner, the image maker.
+    std::string handlerFolder;
+    std::string runner;
+    std::string imageMaker;
 };
 
 // What a .swu is made of; the update files are the simulated device's.
@@ -77,6 +82,7 @@ private:
     std::string InstallerScript(const TSwupdateSetup& setup) const;
 
     const CSimulatedDevice& m_device;
+    std::string m_imageMaker;  // the setup's, or this tree's
     // Short: the sockets' paths must fit a sockaddr_un.
     CTemporaryDirectory m_directory{"/tmp/modemloader-swu-"};
 };
