@@ -325,51 +325,46 @@ CStatus CBenchFigures::TargetFootprint(std::size_t nativeStrippedBytes) {
 CStatus CBenchFigures::UpdateSystems() {
     // An install may take this much longer than the host's own run of the same update.
     constexpr double kOverheadLimitSeconds = 1.5;
-    for (const std::string& missing :
-         {CIntegrationOverhead::MenderMissing(), CIntegrationOverhead::RaucMissing()}) {
-        if (!missing.empty()) {
-            return CStatus::Failure("update-system overhead: " + missing);
+    struct TSystem {
+        const char* number;
+        const char* name;
+        const char* install;
+        std::string missing;
+        CStatus (*measure)(uint64_t, TOverheadMeasurement&);
+    };
+    const TSystem systems[] = {
+        {"7a", "Mender", "`mender install` of a signed artifact",
+         CIntegrationOverhead::MenderMissing(), CIntegrationOverhead::MeasureMender},
+        {"7b", "SWUpdate", "`swupdate -i` of a signed .swu",
+         CIntegrationOverhead::SwupdateMissing(), CIntegrationOverhead::MeasureSwupdate},
+        {"7c", "RAUC",
+         "`rauc install` of a signed plain bundle (the isolated service started for it)",
+         CIntegrationOverhead::RaucMissing(), CIntegrationOverhead::MeasureRauc},
+    };
+    for (const TSystem& system : systems) {
+        if (!system.missing.empty()) {
+            return CStatus::Failure(std::string(system.name) + " overhead: " + system.missing);
         }
-    }
-    TResultRow mender{"7a",
-                      "Mender overhead: wall time of `mender install` of a signed artifact "
-                      "(60000-byte firmware, 10 ms tick) minus modemloader-host's own run of the "
-                      "same update on a device made alike",
-                      "s",
-                      2,
-                      {},
-                      kOverheadLimitSeconds,
-                      "goal per install"};
-    for (unsigned run = 0; run < m_options.runs; ++run) {
-        TOverheadMeasurement measurement;
-        if (CStatus status = CIntegrationOverhead::MeasureMender(run + 1, measurement); !status) {
-            return status.WithContext("Mender overhead");
+        TResultRow row{system.number,
+                       std::string(system.name) + " overhead: wall time of " + system.install +
+                           " (60000-byte firmware, 10 ms tick) minus modemloader-host's own run "
+                           "of the same update on a device made alike",
+                       "s",
+                       2,
+                       {},
+                       kOverheadLimitSeconds,
+                       "goal per install"};
+        for (unsigned run = 0; run < m_options.runs; ++run) {
+            TOverheadMeasurement measurement;
+            if (CStatus status = system.measure(run + 1, measurement); !status) {
+                return status.WithContext(std::string(system.name) + " overhead");
+            }
+            row.samples.Add(measurement.OverheadSeconds());
+            Progress(std::string(system.name) + " overhead " + RunLabel(run) + ": install " +
+                     Fixed(measurement.installSeconds, 2) + " s, host alone " +
+                     Fixed(measurement.hostSeconds, 2) + " s");
         }
-        mender.samples.Add(measurement.OverheadSeconds());
-        Progress("Mender overhead " + RunLabel(run) + ": install " +
-                 Fixed(measurement.installSeconds, 2) + " s, host alone " +
-                 Fixed(measurement.hostSeconds, 2) + " s");
+        m_table.Add(std::move(row));
     }
-    TResultRow rauc{"7c",
-                    "RAUC overhead: wall time of `rauc install` of a signed plain bundle (the "
-                    "isolated service started for it) minus modemloader-host's own run of the "
-                    "same update on a device made alike",
-                    "s",
-                    2,
-                    {},
-                    kOverheadLimitSeconds,
-                    "goal per install"};
-    for (unsigned run = 0; run < m_options.runs; ++run) {
-        TOverheadMeasurement measurement;
-        if (CStatus status = CIntegrationOverhead::MeasureRauc(run + 1, measurement); !status) {
-            return status.WithContext("RAUC overhead");
-        }
-        rauc.samples.Add(measurement.OverheadSeconds());
-        Progress("RAUC overhead " + RunLabel(run) + ": install " +
-                 Fixed(measurement.installSeconds, 2) + " s, host alone " +
-                 Fixed(measurement.hostSeconds, 2) + " s");
-    }
-    m_table.Add(std::move(mender));
-    m_table.Add(std::move(rauc));
     return CStatus::Ok();
 }

@@ -1,12 +1,10 @@
 #include "IntegrationOverhead.h"
 
 #include <chrono>
-#include <memory>
 
-#include "ChildProcess.h"
 #include "MenderClient.h"
 #include "RaucService.h"
-#include "SimulatedDevice.h"
+#include "SwupdateClient.h"
 
 namespace {
 constexpr double kHostTimeoutSeconds = 120;
@@ -31,40 +29,65 @@ CStatus ExpectFlashed(const CSimulatedDevice& device, const std::string& context
     return CStatus::Ok();
 }
 
-double SecondsSince(std::chrono::steady_clock::time_point start) {
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-}
+bool ExitedZero(const TChildResult& result) { return result.exitCode == 0; }
+std::string NothingMore() { return std::string(); }
 }  // namespace
 
-CStatus CIntegrationOverhead::MeasureHost(uint64_t seed, double& seconds) {
+CStatus CIntegrationOverhead::HostRunAndDevice(uint64_t seed, TOverheadMeasurement& measurement,
+                                               std::unique_ptr<CSimulatedDevice>& device) {
     const std::string context = "modemloader-host alone";
-    std::unique_ptr<CSimulatedDevice> device;
-    if (CStatus status = CSimulatedDevice::Create(Settings(seed), device); !status) {
+    std::unique_ptr<CSimulatedDevice> hostDevice;
+    if (CStatus status = CSimulatedDevice::Create(Settings(seed), hostDevice); !status) {
         return status.WithContext(context);
     }
     TUpdateOptions options;
     options.timeoutSeconds = kHostTimeoutSeconds;
     TUpdateResult result;
-    if (CStatus status = device->RunUpdate(options, result); !status) {
+    if (CStatus status = hostDevice->RunUpdate(options, result); !status) {
         return status.WithContext(context);
     }
     if (result.exitCode != 0) {
         return CStatus::Failure(context + ": exit status " + std::to_string(result.exitCode) +
                                 ": " + result.err);
     }
-    seconds = result.seconds;
-    return ExpectFlashed(*device, context);
+    measurement.hostSeconds = result.seconds;
+    if (CStatus status = ExpectFlashed(*hostDevice, context); !status) {
+        return status;
+    }
+    return CSimulatedDevice::Create(Settings(seed), device);
+}
+
+CStatus CIntegrationOverhead::TimeInstall(CSimulatedDevice& device, const std::string& context,
+                                          const std::function<TChildResult()>& install,
+                                          const std::function<bool(const TChildResult&)>& succeeded,
+                                          const std::function<std::string()>& log,
+                                          TOverheadMeasurement& measurement) {
+    const auto start = std::chrono::steady_clock::now();
+    const TChildResult installed = install();
+    measurement.installSeconds =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    nlohmann::json summary;
+    if (CStatus status = device.StopModem(summary); !status) {
+        return status.WithContext(context);
+    }
+    if (!succeeded(installed)) {
+        return CStatus::Failure(context + ": " + Describe(installed) + log());
+    }
+    return ExpectFlashed(device, context);
 }
 
 std::string CIntegrationOverhead::MenderMissing() { return CMenderClient::MissingPrerequisite(); }
 
+std::string CIntegrationOverhead::SwupdateMissing() {
+    return CSwupdateClient::MissingPrerequisite();
+}
+
+std::string CIntegrationOverhead::RaucMissing() { return CRaucService::MissingPrerequisite(); }
+
 CStatus CIntegrationOverhead::MeasureMender(uint64_t seed, TOverheadMeasurement& measurement) {
     const std::string context = "mender install";
-    if (CStatus status = MeasureHost(seed, measurement.hostSeconds); !status) {
-        return status;
-    }
     std::unique_ptr<CSimulatedDevice> device;
-    if (CStatus status = CSimulatedDevice::Create(Settings(seed), device); !status) {
+    if (CStatus status = HostRunAndDevice(seed, measurement, device); !status) {
         return status.WithContext(context);
     }
     // Signed, as a fleet's artifacts are: the client checks the signature within the install.
@@ -93,29 +116,34 @@ CStatus CIntegrationOverhead::MeasureMender(uint64_t seed, TOverheadMeasurement&
     if (CStatus status = client->MakeArtifact(request, artifact); !status) {
         return status.WithContext(context);
     }
-
-    const auto start = std::chrono::steady_clock::now();
-    const TChildResult installed = client->Install(artifact);
-    measurement.installSeconds = SecondsSince(start);
-    nlohmann::json summary;
-    if (CStatus status = device->StopModem(summary); !status) {
-        return status.WithContext(context);
-    }
-    if (installed.exitCode != 0) {
-        return CStatus::Failure(context + ": " + Describe(installed));
-    }
-    return ExpectFlashed(*device, context);
+    return TimeInstall(
+        *device, context, [&] { return client->Install(artifact); }, ExitedZero, NothingMore,
+        measurement);
 }
 
-std::string CIntegrationOverhead::RaucMissing() { return CRaucService::MissingPrerequisite(); }
+CStatus CIntegrationOverhead::MeasureSwupdate(uint64_t seed, TOverheadMeasurement& measurement) {
+    const std::string context = "swupdate -i";
+    std::unique_ptr<CSimulatedDevice> device;
+    if (CStatus status = HostRunAndDevice(seed, measurement, device); !status) {
+        return status.WithContext(context);
+    }
+    std::unique_ptr<CSwupdateClient> client;
+    if (CStatus status = CSwupdateClient::Create(*device, TSwupdateSetup(), client); !status) {
+        return status.WithContext(context);
+    }
+    std::string image;
+    if (CStatus status = client->MakeImage(TSwuRequest(), image); !status) {
+        return status.WithContext(context);
+    }
+    return TimeInstall(
+        *device, context, [&] { return client->Install(image); }, CSwupdateClient::Succeeded,
+        NothingMore, measurement);
+}
 
 CStatus CIntegrationOverhead::MeasureRauc(uint64_t seed, TOverheadMeasurement& measurement) {
     const std::string context = "rauc install";
-    if (CStatus status = MeasureHost(seed, measurement.hostSeconds); !status) {
-        return status;
-    }
     std::unique_ptr<CSimulatedDevice> device;
-    if (CStatus status = CSimulatedDevice::Create(Settings(seed), device); !status) {
+    if (CStatus status = HostRunAndDevice(seed, measurement, device); !status) {
         return status.WithContext(context);
     }
     std::unique_ptr<CRaucService> rauc;
@@ -126,17 +154,8 @@ CStatus CIntegrationOverhead::MeasureRauc(uint64_t seed, TOverheadMeasurement& m
     if (CStatus status = rauc->MakeBundle(TBundleRequest(), bundle); !status) {
         return status.WithContext(context);
     }
-
     // The client's whole run: the isolated service's start, the bundle's checks, the hook.
-    const auto start = std::chrono::steady_clock::now();
-    const TChildResult installed = rauc->Install(bundle);
-    measurement.installSeconds = SecondsSince(start);
-    nlohmann::json summary;
-    if (CStatus status = device->StopModem(summary); !status) {
-        return status.WithContext(context);
-    }
-    if (installed.exitCode != 0) {
-        return CStatus::Failure(context + ": " + Describe(installed) + "\n" + rauc->ServiceLog());
-    }
-    return ExpectFlashed(*device, context);
+    return TimeInstall(
+        *device, context, [&] { return rauc->Install(bundle); }, ExitedZero,
+        [&] { return "\nservice log:\n" + rauc->ServiceLog(); }, measurement);
 }

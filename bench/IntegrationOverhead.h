@@ -4,11 +4,16 @@
 // wall time of the host's own run of the same update on a device made the same way (same
 // settings, same seed, so the same loader and firmware bytes). Both runs must flash the modem
 // with the firmware byte for byte; a figure of a failed install would measure the wrong thing.
-// Needs root (the devices' loop devices, the clients' private mount namespaces).
+// Each system runs isolated as in its end-to-end tests. Needs root (the devices' loop devices,
+// the clients' private mount namespaces).
 
 #include <cstdint>
+#include <functional>
+#include <memory>
 #include <string>
 
+#include "ChildProcess.h"
+#include "SimulatedDevice.h"
 #include "Status.h"
 
 struct TOverheadMeasurement {
@@ -19,16 +24,29 @@ struct TOverheadMeasurement {
 
 class CIntegrationOverhead {
 public:
-    // Empty when the Mender client can run here; otherwise why not.
+    // Empty when the system's client can run here; otherwise why not.
     static std::string MenderMissing();
+    static std::string SwupdateMissing();
+    static std::string RaucMissing();
+
     // `mender install` of a signed artifact through the update module modem-firmware.
     [[nodiscard]] static CStatus MeasureMender(uint64_t seed, TOverheadMeasurement& measurement);
-    // Empty when RAUC can run here; otherwise why not.
-    static std::string RaucMissing();
+    // `swupdate -i` of a signed .swu through the Lua handler.
+    [[nodiscard]] static CStatus MeasureSwupdate(uint64_t seed, TOverheadMeasurement& measurement);
     // `rauc install` of a bundle signed by the device's CA, through the bundle's hook.
     [[nodiscard]] static CStatus MeasureRauc(uint64_t seed, TOverheadMeasurement& measurement);
 
 private:
-    // The host's own run of the update on a fresh device with `seed`.
-    static CStatus MeasureHost(uint64_t seed, double& seconds);
+    // The host's own run of the update on a fresh device with `seed`, then a second device made
+    // alike for the system's install.
+    static CStatus HostRunAndDevice(uint64_t seed, TOverheadMeasurement& measurement,
+                                    std::unique_ptr<CSimulatedDevice>& device);
+    // Times `install`, stops the modem, and checks that the system reported success
+    // (`succeeded`) and that the modem holds the firmware; `log` adds what the system logged
+    // elsewhere to a failure.
+    static CStatus TimeInstall(CSimulatedDevice& device, const std::string& context,
+                               const std::function<TChildResult()>& install,
+                               const std::function<bool(const TChildResult&)>& succeeded,
+                               const std::function<std::string()>& log,
+                               TOverheadMeasurement& measurement);
 };
