@@ -100,7 +100,11 @@ local function RunUpdate(revision)
             if percent then
                 swupdate.progress_update(tonumber(percent))
             end
-        elseif not (error and error:match("[Ii]nterrupted")) then
+        elseif not error then
+            break
+        elseif not error:match("[Ii]nterrupted") then
+            -- The runner goes on without us (it drains its progress); wait for its end.
+            Say(swupdate.warn, "reading the progress of " .. runner .. ": " .. error)
             break
         end
     end
