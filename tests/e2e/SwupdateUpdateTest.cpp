@@ -287,7 +287,11 @@ TEST_F(SwupdateUpdateTest, HostFailureFailsTheInstallAndKeepsRevisionAndUpdateFi
 }
 
 TEST_F(SwupdateUpdateTest, ProgressRisesToOneHundredWhileTheModemIsWritten) {
-    MakeDevice(Settings());
+    // A firmware that takes the modem about a second to write, long beside the way of a
+    // progress report from the host to this listener, also on a loaded machine.
+    TDeviceSettings settings = Settings();
+    settings.firmwareBytes = 600000;
+    MakeDevice(settings);
     ASSERT_FALSE(HasFatalFailure());
     MakeClient();
     ASSERT_FALSE(HasFatalFailure());
