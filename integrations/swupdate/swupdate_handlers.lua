@@ -86,13 +86,15 @@ local function RunUpdate(revision)
     end
     Say(swupdate.info, "installing revision " .. revision)
     -- Only the runner's standard output comes here; its standard error (the host's last lines,
-    -- its own failure) goes straight to SWUpdate's.
-    local output = io.popen(table.concat(command, " "), "r")
+    -- its own failure) goes straight to SWUpdate's. Its exit status comes as a last line too:
+    -- SWUpdate reaps children of its own, and may take the shell's status before our close.
+    local output = io.popen(table.concat(command, " ") .. '; echo "exit $?"', "r")
     if not output then
         return Fail("cannot run " .. runner)
     end
     -- Read to the end whatever happens: a read that a signal to SWUpdate interrupts returns an
     -- error and is simply repeated (file:read clears the error first).
+    local status = nil
     while true do
         local line, error = output:read("l")
         if line then
@@ -100,12 +102,20 @@ local function RunUpdate(revision)
             if percent then
                 swupdate.progress_update(tonumber(percent))
             end
-        elseif not (error and error:match("[Ii]nterrupted")) then
+            status = tonumber(line:match("^exit (%d+)$")) or status
+        elseif not error then
+            break
+        elseif not error:match("[Ii]nterrupted") then
+            -- The runner goes on without us (it drains its progress); wait for its end.
+            Say(swupdate.warn, "reading the progress of " .. runner .. ": " .. error)
             break
         end
     end
-    local succeeded, _, status = output:close()
-    if not succeeded then
+    local closed, _, closedStatus = output:close()
+    if status == nil then
+        status = closed and 0 or closedStatus
+    end
+    if status ~= 0 then
         return Fail("revision " .. revision .. " not installed (modem-update exited with status " ..
                     tostring(status) .. ")")
     end

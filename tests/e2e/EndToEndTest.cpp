@@ -151,3 +151,28 @@ bool EndToEndTest::SourcesGone() const {
     }
     return true;
 }
+
+TDeviceSettings EndToEndTest::DeliveredUpdateSettings(std::vector<std::string> modemOptions) {
+    TDeviceSettings settings;
+    settings.storedRevision = "100";
+    settings.revision = "100";
+    settings.modemOptions = std::move(modemOptions);
+    return settings;
+}
+
+bool EndToEndTest::HasHostLine(const std::string& log, const std::string& text) {
+    std::size_t start = 0;
+    while (start < log.size()) {
+        std::size_t end = log.find('\n', start);
+        if (end == std::string::npos) {
+            end = log.size();
+        }
+        const std::string line = log.substr(start, end - start);
+        const std::size_t host = line.find("modemloader-host: ");
+        if (host != std::string::npos && line.find(text, host) != std::string::npos) {
+            return true;
+        }
+        start = end + 1;
+    }
+    return false;
+}

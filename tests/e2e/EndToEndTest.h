@@ -48,6 +48,13 @@ protected:
     // completed", "firmware download completed") name the class's one source file, whichever of
     // its .cpp files logs them.
     void ExpectImageLoaderSourceFile() const;
+    // A device for an update system's tests: its own configuration offers the revision the
+    // storage records ("100"), so only the revision the update system delivers makes the host
+    // flash.
+    static TDeviceSettings DeliveredUpdateSettings(std::vector<std::string> modemOptions = {});
+    // Whether a line of an update system's `log` passes on a line of the host's output
+    // ("modemloader-host: ...") that contains `text`.
+    static bool HasHostLine(const std::string& log, const std::string& text);
     std::string StorageFile(const std::string& relativePath) const;  // "" with a failure
     bool SourcesPresent() const;  // all four update files still at their paths
     bool SourcesGone() const;     // none of them
