@@ -60,14 +60,6 @@ protected:
         return Installed("/usr/libexec/modemloader/modem-update");
     }
 
-    // A device whose own configuration offers the revision it already has: only the update
-    // system's revision can make the host flash.
-    static TDeviceSettings SettingsForAnUpdateSystem() {
-        TDeviceSettings settings;
-        settings.revision = "100";
-        return settings;
-    }
-
     // The update system's install flashed the modem with the firmware and recorded revision 124;
     // the host removed the update files ("removable" is 1).
     // `succeeded`: the system reported success; `output`: what it printed, for failures.
@@ -106,7 +98,7 @@ TEST_F(InstalledPackageTest, TheInstalledMenderModuleInstallsAnArtifact) {
     if (const std::string missing = CMenderClient::MissingPrerequisite(); !missing.empty()) {
         MODEMLOADER_MISSING_PREREQUISITE(missing);
     }
-    MakeDevice(SettingsForAnUpdateSystem(), m_programs);
+    MakeDevice(DeliveredUpdateSettings(), m_programs);
     ASSERT_FALSE(HasFatalFailure());
     TMenderSetup setup;
     setup.module = Installed("/usr/share/mender/modules/v3/modem-firmware");
@@ -132,7 +124,7 @@ TEST_F(InstalledPackageTest, TheInstalledSwupdateHandlerInstallsAnImage) {
     if (const std::string missing = CSwupdateClient::MissingPrerequisite(); !missing.empty()) {
         MODEMLOADER_MISSING_PREREQUISITE(missing);
     }
-    MakeDevice(SettingsForAnUpdateSystem(), m_programs);
+    MakeDevice(DeliveredUpdateSettings(), m_programs);
     ASSERT_FALSE(HasFatalFailure());
     TSwupdateSetup setup;
     setup.handlerFolder = Installed("/usr/share/lua/5.3");
@@ -157,7 +149,7 @@ TEST_F(InstalledPackageTest, TheInstalledRaucHookInstallsABundle) {
     if (const std::string missing = CRaucService::MissingPrerequisite(); !missing.empty()) {
         MODEMLOADER_MISSING_PREREQUISITE(missing);
     }
-    MakeDevice(SettingsForAnUpdateSystem(), m_programs);
+    MakeDevice(DeliveredUpdateSettings(), m_programs);
     ASSERT_FALSE(HasFatalFailure());
     // The installed bundle maker puts the hook installed beside it into the bundle.
     TRaucSetup setup;
