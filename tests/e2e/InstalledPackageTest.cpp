@@ -60,9 +60,9 @@ protected:
         return Installed("/usr/libexec/modemloader/modem-update");
     }
 
-    // The update system's install flashed the modem with the firmware and recorded revision 124;
-    // the host removed the update files ("removable" is 1).
-    // `succeeded`: the system reported success; `output`: what it printed, for failures.
+    // The update system reported success (`succeeded`; `output` is what it printed, for a
+    // failure), flashed the modem with the firmware and recorded revision 124, and the host
+    // removed the update files ("removable" is 1).
     void ExpectInstalledByTheUpdateSystem(bool succeeded, const std::string& output) {
         nlohmann::json summary;
         const CStatus stopped = m_device->StopModem(summary);
