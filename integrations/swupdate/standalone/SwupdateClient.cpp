@@ -123,15 +123,19 @@ CStatus CSwupdateClient::MakeSigner(const std::string& name) const {
 }
 
 std::string CSwupdateClient::InstallerScript(const TSwupdateSetup& setup) const {
-    // TMPDIR is the folder's own t/: SWUpdate puts its sockets and extracted images there. The
-    // mount namespace keeps whatever a handler mounts out of the machine's view.
+    // TMPDIR is the folder's own t/: SWUpdate puts its control and progress sockets and the
+    // extracted images there. Its notifier listens on the abstract socket "@NotifyServer",
+    // which no TMPDIR moves: a network namespace of its own keeps it from the machine's
+    // SWUpdate and from another test's (two would share one notifier, and the second to bind
+    // exits at once). The mount namespace keeps whatever a handler mounts out of the machine's
+    // view.
     const std::string handlers =
         setup.handlerFolder.empty() ? HandlerFolder() : setup.handlerFolder;
     std::ostringstream script;
     script << "#!/bin/sh\n"
            << "# SWUpdate on the simulated device, isolated in " << Directory() << "\n"
            << "folder=" << Quoted(Directory()) << "\n"
-           << "exec unshare --mount --propagation private env TMPDIR=\"$folder/t\" \\\n"
+           << "exec unshare --mount --net --propagation private env TMPDIR=\"$folder/t\" \\\n"
            << "    LUA_PATH_5_3=" << Quoted(handlers + "/?.lua;;") << " \\\n"
            << "    MODEMLOADER_SWUPDATE_SETTINGS=\"$folder/modem-firmware.conf\" \\\n"
            << "    swupdate -f \"$folder/swupdate.cfg\" -k \"$folder/fleet.crt\" -B none -m -M \\\n"

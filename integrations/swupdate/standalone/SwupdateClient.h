@@ -11,8 +11,10 @@
 //                 and its rebooting progress client listen)
 //   fleet.crt/.key, other.crt/.key  two signers (EC keys, self-signed X.509 certificates); the
 //                 installer trusts fleet.crt
-//   swupdate      the installer as a command: `swupdate -i IMAGE` in a private mount namespace
-//                 (unshare), `-B none -m -M` (no bootloader, no state or transaction marker),
+//   swupdate      the installer as a command: `swupdate -i IMAGE` in a private mount and
+//                 network namespace (unshare; the network namespace holds its notifier's
+//                 abstract socket "@NotifyServer"), `-B none -m -M` (no bootloader, no state or
+//                 transaction marker),
 //                 `-H BOARD:REVISION`, the handler found through LUA_PATH_5_3 in this source tree
 // Used from one thread; needs root (the mount namespace).
 
@@ -59,8 +61,8 @@ public:
     TChildResult Install(const std::string& image, bool showOutput = false) const;
     // Whether an install succeeded: SWUpdate's exit status 0, or 1 after it reported
     // "SWUPDATE successful" and no failure. SWUpdate 2022.12 in `-i` mode now and then exits
-    // with 1 after a complete, successful install (about one run in ten on a loaded machine,
-    // with or without our handler doing anything); its own report is the install's result.
+    // with 1 after a complete, successful install (a few runs in a hundred on a loaded machine,
+    // also with a handler that does nothing); its own report is the install's result.
     static bool Succeeded(const TChildResult& install);
     // Runs the image maker on the device's update files; `image` is its path.
     [[nodiscard]] CStatus MakeImage(const TSwuRequest& request, std::string& image) const;
