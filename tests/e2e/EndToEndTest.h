@@ -17,6 +17,10 @@
 // The revision file the module writes for the update on offer ("124"): its terminator included.
 extern const std::string kWrittenRevision;
 
+// Whether a line of an update system's log passes on a line of the host's output (prefixed
+// "modemloader-host: " by the update systems' runner) that contains `text`.
+bool HasHostLine(const std::string& systemLog, const std::string& text);
+
 class EndToEndTest : public ::testing::Test {
 protected:
     void SetUp() override;

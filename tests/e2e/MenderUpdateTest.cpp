@@ -20,24 +20,6 @@ using nlohmann::json;
 constexpr char kOldArtifact[] = "modem-firmware-100";
 constexpr char kNewArtifact[] = "modem-firmware-124";
 
-// A line of the client's log that passes on a line of the host's output containing `text`.
-bool HasHostLine(const std::string& clientLog, const std::string& text) {
-    std::size_t start = 0;
-    while (start < clientLog.size()) {
-        std::size_t end = clientLog.find('\n', start);
-        if (end == std::string::npos) {
-            end = clientLog.size();
-        }
-        const std::string line = clientLog.substr(start, end - start);
-        const std::size_t host = line.find("modemloader-host: ");
-        if (host != std::string::npos && line.find(text, host) != std::string::npos) {
-            return true;
-        }
-        start = end + 1;
-    }
-    return false;
-}
-
 std::string Trimmed(std::string text) {
     while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) {
         text.pop_back();
