@@ -160,14 +160,15 @@ TDeviceSettings EndToEndTest::DeliveredUpdateSettings(std::vector<std::string> m
     return settings;
 }
 
-bool EndToEndTest::HasHostLine(const std::string& log, const std::string& text) {
+bool HasHostLine(const std::string& systemLog, const std::string& text) {
     std::size_t start = 0;
-    while (start < log.size()) {
-        std::size_t end = log.find('\n', start);
+    while (start < systemLog.size()) {
+        std::size_t end = systemLog.find('\n', start);
         if (end == std::string::npos) {
-            end = log.size();
+            end = systemLog.size();
         }
-        const std::string line = log.substr(start, end - start);
+        // The system may put its own prefix before the runner's (Mender: level=info msg=...).
+        const std::string line = systemLog.substr(start, end - start);
         const std::size_t host = line.find("modemloader-host: ");
         if (host != std::string::npos && line.find(text, host) != std::string::npos) {
             return true;

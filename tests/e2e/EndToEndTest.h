@@ -17,6 +17,10 @@
 // The revision file the module writes for the update on offer ("124"): its terminator included.
 extern const std::string kWrittenRevision;
 
+// Whether a line of an update system's log passes on a line of the host's output (prefixed
+// "modemloader-host: " by the update systems' runner) that contains `text`.
+bool HasHostLine(const std::string& systemLog, const std::string& text);
+
 class EndToEndTest : public ::testing::Test {
 protected:
     void SetUp() override;
@@ -52,9 +56,6 @@ protected:
     // storage records ("100"), so only the revision the update system delivers makes the host
     // flash.
     static TDeviceSettings DeliveredUpdateSettings(std::vector<std::string> modemOptions = {});
-    // Whether a line of an update system's `log` passes on a line of the host's output
-    // ("modemloader-host: ...") that contains `text`.
-    static bool HasHostLine(const std::string& log, const std::string& text);
     std::string StorageFile(const std::string& relativePath) const;  // "" with a failure
     bool SourcesPresent() const;  // all four update files still at their paths
     bool SourcesGone() const;     // none of them

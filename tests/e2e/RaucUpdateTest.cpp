@@ -19,23 +19,6 @@ namespace {
 
 constexpr char kHookStarted[] = "modem-hook: installing revision 124 into modem.0";
 
-// A line of RAUC's log that passes on a line of the host's output containing `text`.
-bool HasHostLine(const std::string& log, const std::string& text) {
-    std::size_t start = 0;
-    while (start < log.size()) {
-        std::size_t end = log.find('\n', start);
-        if (end == std::string::npos) {
-            end = log.size();
-        }
-        const std::string line = log.substr(start, end - start);
-        if (line.rfind("modemloader-host: ", 0) == 0 && line.find(text) != std::string::npos) {
-            return true;
-        }
-        start = end + 1;
-    }
-    return false;
-}
-
 }  // namespace
 
 class RaucUpdateTest : public EndToEndTest {

@@ -166,23 +166,12 @@ TChildResult CMenderClient::ShowArtifact() const { return RunClient({"show-artif
 
 CStatus CMenderClient::MakeArtifact(const TArtifactRequest& request, std::string& artifact) const {
     artifact = PathOf(request.name + ".mender");
-    std::vector<std::string> arguments{ArtifactMakerPath(),
-                                       "--name",
-                                       request.name,
-                                       "--device-type",
-                                       request.deviceType,
-                                       "--revision",
-                                       request.revision,
-                                       "--loader",
-                                       m_device.LoaderSource(),
-                                       "--firmware",
-                                       m_device.FirmwareSource(),
-                                       "--product-config",
-                                       m_device.ProductConfigSource(),
-                                       "--daemon-config",
-                                       m_device.DaemonConfigSource(),
-                                       "--output",
-                                       artifact};
+    std::vector<std::string> arguments{ArtifactMakerPath(), "--name",           request.name,
+                                       "--device-type",     request.deviceType, "--revision",
+                                       request.revision};
+    const std::vector<std::string> files = m_device.UpdateFileOptions();
+    arguments.insert(arguments.end(), files.begin(), files.end());
+    arguments.insert(arguments.end(), {"--output", artifact});
     if (!request.key.empty()) {
         arguments.push_back("--key");
         arguments.push_back(request.key);

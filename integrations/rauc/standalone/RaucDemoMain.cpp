@@ -3,22 +3,18 @@
 // installed by the real RAUC service and client through the bundle's hook, checked and reported.
 // See `modemloader-rauc-demo --help`.
 
-#include <stdlib.h>
-
 #include <cstdio>
-#include <cstdlib>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "MountTable.h"
 #include "RaucService.h"
 #include "SimulatedDevice.h"
+#include "SystemDemo.h"
 
 namespace {
-constexpr int kExitFailed = 1;
-constexpr int kExitUsage = 2;
-
 const char kUsage[] =
     "usage: modemloader-rauc-demo [--shell]\n"
     "\n"
@@ -38,34 +34,21 @@ const char kUsage[] =
     "\n"
     "exit status: 0 the install succeeded and every check passed, 1 something failed, 2 usage\n";
 
-int Fail(const std::string& message) {
-    std::fprintf(stderr, "modemloader-rauc-demo: %s\n", message.c_str());
-    return kExitFailed;
-}
+constexpr char kProgram[] = "modemloader-rauc-demo";
 
-std::string CommandLine(const std::vector<std::string>& arguments) {
-    std::string line;
-    for (const std::string& argument : arguments) {
-        line += (line.empty() ? "" : " ") + argument;
-    }
-    return line;
-}
+int Fail(const std::string& message) { return DemoFailure(kProgram, message); }
 
 int Shell(const CSimulatedDevice& device, const CRaucService& rauc) {
-    std::printf(
-        "\nA shell on the simulated device. DEVICE=%s (update/ holds the update files)\n"
-        "RAUC=%s (system.conf, keys/, service.log; $RAUC_ISOLATED runs the client against an\n"
-        "isolated service). Try the commands of docs/rauc.md; `exit` removes the device.\n\n",
-        device.Directory().c_str(), rauc.Directory().c_str());
-    std::fflush(stdout);
-    // The shell reads our standard input (a person, or commands piped in), which CChildProcess
-    // would replace with /dev/null; the variables go into our environment, which it inherits.
-    ::setenv("DEVICE", device.Directory().c_str(), 1);
-    ::setenv("RAUC", rauc.Directory().c_str(), 1);
-    ::setenv("MODEM_RAUCB", CRaucService::BundleMakerPath().c_str(), 1);
-    ::setenv("RAUC_ISOLATED", CRaucService::IsolationPath().c_str(), 1);
-    const int status = std::system("/bin/sh -i");
-    return status == -1 ? Fail("running a shell") : 0;
+    return RunDemoShell(
+        kProgram,
+        "\nA shell on the simulated device. DEVICE=" + device.Directory() +
+            " (update/ holds the update files)\nRAUC=" + rauc.Directory() +
+            " (system.conf, keys/, service.log; $RAUC_ISOLATED runs the client against an\n"
+            "isolated service). Try the commands of docs/rauc.md; `exit` removes the device.\n\n",
+        {{"DEVICE", device.Directory()},
+         {"RAUC", rauc.Directory()},
+         {"MODEM_RAUCB", CRaucService::BundleMakerPath()},
+         {"RAUC_ISOLATED", CRaucService::IsolationPath()}});
 }
 
 int Demo(const CSimulatedDevice& device, const CRaucService& rauc) {
@@ -85,53 +68,24 @@ int Demo(const CSimulatedDevice& device, const CRaucService& rauc) {
     std::printf("\n=== the service's log (%s)\n%s", rauc.PathOf("service.log").c_str(),
                 rauc.ServiceLog().c_str());
 
-    std::string flash;
-    std::string revision;
-    const bool flashed = device.ReadFlash(flash).IsOk() && flash == device.Firmware();
-    // The plug-in writes the revision with its terminating NUL.
-    const bool recorded =
-        device.ReadStorageFile("revision", revision).IsOk() && revision == std::string("124\0", 4);
     const bool versioned = rauc.InstalledVersion() == "124";
     const bool released = !IsAnythingMountedUnder(rauc.Directory()) &&
                           LoopDevicesBackedUnder(rauc.Directory()).empty();
-    std::printf("\n=== checks\nmodem flash equals the firmware (%zu bytes): %s\n",
-                device.Firmware().size(), flashed ? "yes" : "NO");
-    std::printf("storage revision is 124: %s\n", recorded ? "yes" : "NO");
+    const bool flashedAndRecorded = ReportFlashAndRevision(device);
     std::printf("RAUC records bundle version 124 for slot modem.0: %s\n", versioned ? "yes" : "NO");
     std::printf("bundle unmounted and detached: %s\n", released ? "yes" : "NO");
-    const bool passed = installed.exitCode == 0 && flashed && recorded && versioned && released;
+    const bool passed = installed.exitCode == 0 && flashedAndRecorded && versioned && released;
     return passed ? 0 : Fail("the install or a check failed");
 }
 }  // namespace
 
 int main(int argc, char** argv) {
     bool shell = false;
-    for (int index = 1; index < argc; ++index) {
-        const std::string option = argv[index];
-        if (option == "--help" || option == "-h") {
-            std::fputs(kUsage, stdout);
-            return 0;
-        }
-        if (option != "--shell") {
-            std::fprintf(stderr, "modemloader-rauc-demo: unknown option %s\n%s", option.c_str(),
-                         kUsage);
-            return kExitUsage;
-        }
-        shell = true;
+    if (const std::optional<int> status = ParseDemoOptions(argc, argv, kProgram, kUsage, shell)) {
+        return *status;
     }
-    for (const std::string& missing :
-         {CSimulatedDevice::MissingPrerequisite(), CRaucService::MissingPrerequisite()}) {
-        if (!missing.empty()) {
-            return Fail(missing);
-        }
-    }
-    // The device's own configuration offers the revision it has: only the bundle's version makes
-    // the host flash.
-    TDeviceSettings settings;
-    settings.storedRevision = "100";
-    settings.revision = "100";
     std::unique_ptr<CSimulatedDevice> device;
-    if (CStatus made = CSimulatedDevice::Create(settings, device); !made) {
+    if (CStatus made = MakeDemoDevice(CRaucService::MissingPrerequisite(), device); !made) {
         return Fail(made.Message());
     }
     std::unique_ptr<CRaucService> rauc;

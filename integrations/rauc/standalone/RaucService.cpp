@@ -176,25 +176,12 @@ CStatus CRaucService::MakeBundle(const TBundleRequest& request, std::string& bun
     bundle = PathOf(name + ".raucb");
     const std::string signer = PathOf("keys/" + request.signer + "-signer");
     const std::string maker = m_setup.bundleMaker.empty() ? BundleMakerPath() : m_setup.bundleMaker;
-    const std::vector<std::string> arguments{maker,
-                                             "--compatible",
-                                             request.compatible,
-                                             "--revision",
-                                             request.revision,
-                                             "--loader",
-                                             m_device.LoaderSource(),
-                                             "--firmware",
-                                             m_device.FirmwareSource(),
-                                             "--product-config",
-                                             m_device.ProductConfigSource(),
-                                             "--daemon-config",
-                                             m_device.DaemonConfigSource(),
-                                             "--cert",
-                                             signer + ".pem",
-                                             "--key",
-                                             signer + ".key",
-                                             "--output",
-                                             bundle};
+    std::vector<std::string> arguments{maker, "--compatible", request.compatible, "--revision",
+                                       request.revision};
+    const std::vector<std::string> files = m_device.UpdateFileOptions();
+    arguments.insert(arguments.end(), files.begin(), files.end());
+    arguments.insert(arguments.end(),
+                     {"--cert", signer + ".pem", "--key", signer + ".key", "--output", bundle});
     return RunTool(arguments, "making bundle " + bundle);
 }
 
