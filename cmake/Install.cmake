@@ -5,8 +5,11 @@
 #   bin/modemloader-host, bin/modem-sim                       the programs
 #   include/modemloader-platform/                             the host-service headers
 #   lib/<multiarch>/cmake/ModemLoaderPlatform/, lib/<multiarch>/pkgconfig/   the SDK
+#   lib/<multiarch>/modem-sim/libfdtexport_interposer.so      the device-tree stand-in
+#   share/modem-sim/fdtexport/*.dtb                           the blobs it can stand for
+#   share/mender/modules/v3/modem-firmware, /etc/mender/modem-firmware.conf   the Mender module
 #   share/doc/modemloader/, share/man/man1/                   documents and manual pages
-# Components: plugin, runtime (libhostservices), host, emulator, sdk, doc.
+# Components: plugin, runtime (libhostservices), host, emulator, sdk, doc, mender.
 include(GNUInstallDirs)
 
 set(MODEMLOADER_INSTALL_INCLUDEDIR ${CMAKE_INSTALL_INCLUDEDIR}/modemloader-platform)

@@ -351,6 +351,11 @@ std::vector<std::string> CSimulatedDevice::ListStorageFolder(
 
 bool CSimulatedDevice::IsStorageMounted() const { return m_storage.IsMounted(); }
 
+std::vector<std::string> CSimulatedDevice::UpdateFileOptions() const {
+    return {"--loader",         LoaderSource(),        "--firmware",      FirmwareSource(),
+            "--product-config", ProductConfigSource(), "--daemon-config", DaemonConfigSource()};
+}
+
 std::vector<std::string> CSimulatedDevice::AttachedLoopDevices() const {
     return m_storage.AttachedLoopDevices();
 }

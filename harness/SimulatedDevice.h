@@ -75,6 +75,9 @@ public:
     std::string FirmwareSource() const { return PathOf("update/firmware.bin"); }
     std::string DaemonConfigSource() const { return PathOf("update/daemon.cfg"); }
     std::string ProductConfigSource() const { return PathOf("update/product.cfg"); }
+    // The four update files as the update systems' package makers take them: --loader FILE
+    // --firmware FILE --product-config FILE --daemon-config FILE.
+    std::vector<std::string> UpdateFileOptions() const;
 
     // The update's contents, as made.
     const std::string& Loader() const { return m_loader; }
