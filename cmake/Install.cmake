@@ -29,10 +29,11 @@ set(MODEMLOADER_HOSTSERVICES_SOVERSION 0)
 set(MODEMLOADER_HOSTSERVICES_VERSION ${PROJECT_VERSION}.0)
 
 # Manual pages of the programs, made at build time by help2man from their own --help, so they
-# never drift from it. Off without help2man and in instrumented builds (both are for tests only);
-# the packages turn it on.
+# never drift from it. Off without help2man and in instrumented builds (both are for tests only,
+# and in the coverage build help2man's runs of --help would count as covered lines); the packages
+# turn it on.
 find_program(HELP2MAN_EXECUTABLE help2man)
-if(HELP2MAN_EXECUTABLE AND MODEMLOADER_SANITIZER STREQUAL "")
+if(HELP2MAN_EXECUTABLE AND MODEMLOADER_SANITIZER STREQUAL "" AND NOT MODEMLOADER_COVERAGE)
     set(man_pages_default ON)
 else()
     set(man_pages_default OFF)
