@@ -63,16 +63,16 @@ TEST_F(FileDevicesTest, NonVolatileFlashKeepsItsContentAcrossStartsAndErasesBefo
 
         const uint8_t image[] = {'n', 'e', 'w'};
         flash.BeginProgramming(0x90000000, 6);
-        EXPECT_EQ(ReadTestFile(Path("flash.bin")), std::string(6, '\0') + "ge")
+        EXPECT_EQ(ReadTestFile(Path("flash.bin")), std::string(6, '\0') + "age")
             << "the write's range erased at once";
         flash.Program(image, 3);
         ASSERT_TRUE(flash.Flush().IsOk());
-        EXPECT_EQ(ReadTestFile(Path("flash.bin")), "new" + std::string(3, '\0') + "ge");
+        EXPECT_EQ(ReadTestFile(Path("flash.bin")), "new" + std::string(3, '\0') + "age");
     }
     // A modem powered off and on again: its flash still holds what it acknowledged.
     CFlashFile again;
     ASSERT_TRUE(again.Open(Path("flash.bin"), true).IsOk());
-    EXPECT_EQ(ReadTestFile(Path("flash.bin")), "new" + std::string(3, '\0') + "ge");
+    EXPECT_EQ(ReadTestFile(Path("flash.bin")), "new" + std::string(3, '\0') + "age");
 }
 
 TEST_F(FileDevicesTest, FlashFileInAMissingDirectoryNamesThePath) {
