@@ -22,20 +22,17 @@ CStatus CFlashFile::Open(const std::string& path, bool nonVolatile) {
     return CStatus::Ok();
 }
 
-void CFlashFile::BeginProgramming(uint32_t, uint32_t length) {
+void CFlashFile::BeginProgramming(uint32_t, uint32_t) {
     m_pending.clear();
     m_digest = CSha256();
     if (m_nonVolatile) {
-        // Erased before programmed: a cut during the write leaves zeros, never the old image
-        // mixed into the new one unnoticed. A block device cannot be truncated anyway.
+        // Programmed in place from the start (a block device cannot be truncated): a cut during
+        // the write leaves the new image's first bytes over what the flash held before. Erasing
+        // the range first would cost a synchronous write of the whole range while the host
+        // waits for the command's answer.
         if (m_failure.IsOk() && ::lseek(m_file.Get(), 0, SEEK_SET) != 0) {
-            m_failure =
-                CStatus::Failure("erasing the flash file " + m_path + ": " + std::strerror(errno));
-        }
-        m_pending.assign(length, 0);
-        if (Flush().IsOk() && ::lseek(m_file.Get(), 0, SEEK_SET) != 0) {
-            m_failure =
-                CStatus::Failure("erasing the flash file " + m_path + ": " + std::strerror(errno));
+            m_failure = CStatus::Failure("rewinding the flash file " + m_path + ": " +
+                                         std::strerror(errno));
         }
         return;
     }

@@ -5,9 +5,9 @@
 // what the current write programmed.
 //
 // A non-volatile flash is the modem's own memory as it behaves across a power cut: the file (or
-// block device) keeps what it held when the modem starts, a write erases its range (zeros) before
-// programming it, and every Flush() returns only once the bytes are on the file's storage, so
-// that what the modem acknowledged after a Flush() survives the cut.
+// block device) keeps what it held when the modem starts, a write programs it in place from its
+// start, and every Flush() returns only once the bytes are on the file's storage, so that what
+// the modem acknowledged after a Flush() survives the cut.
 
 #include <string>
 #include <vector>
