@@ -47,7 +47,8 @@ CStatus CModemSim::Start() {
             return status;
         }
     }
-    if (CStatus status = m_flash.Open(m_options.flashOut); !status.IsOk()) {
+    if (CStatus status = m_flash.Open(m_options.flashOut, m_options.nonVolatileFlash);
+        !status.IsOk()) {
         return status;
     }
     if (CStatus status = m_ready.Open(m_options.ready, m_options.initiallyOn); !status.IsOk()) {
@@ -182,10 +183,11 @@ CStatus CModemSim::Run(int stopDescriptor) {
         m_protocol->Advance(now);
         CollectOutput();
         ReceiveFromHost(now, readable);
-        TransmitToHost(now);
+        // What was programmed reaches the flash file before the acknowledgement of it leaves.
         if (CStatus status = m_flash.Flush(); !status.IsOk()) {
             return status;
         }
+        TransmitToHost(now);
 
         // An unpaced line, or a paced one that is idle, waits for the host's next byte; a
         // paced line that is busy wakes when its next byte is due instead.

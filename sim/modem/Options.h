@@ -16,6 +16,7 @@ struct TOptions {
     std::string flashOut;
     unsigned baud = 0;  // 0: as fast as the pseudo-terminal
     bool initiallyOn = false;
+    bool nonVolatileFlash = false;
     std::chrono::milliseconds powerOn{100};
     std::chrono::milliseconds bootWindow{2000};
     std::chrono::milliseconds erase{200};

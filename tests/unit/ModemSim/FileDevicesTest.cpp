@@ -54,6 +54,25 @@ TEST_F(FileDevicesTest, FlashFileHoldsWhatTheLastWriteProgrammed) {
     EXPECT_EQ(flash.Sha256(), "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
 }
 
+TEST_F(FileDevicesTest, NonVolatileFlashKeepsItsContentAcrossStartsAndIsProgrammedInPlace) {
+    WriteTestFile(m_directory, "flash.bin", "old image");
+    {
+        CFlashFile flash;
+        ASSERT_TRUE(flash.Open(Path("flash.bin"), true).IsOk());
+        EXPECT_EQ(ReadTestFile(Path("flash.bin")), "old image") << "kept when the modem starts";
+
+        const uint8_t image[] = {'n', 'e', 'w'};
+        flash.BeginProgramming(0x90000000, 6);
+        flash.Program(image, 3);
+        ASSERT_TRUE(flash.Flush().IsOk());
+        EXPECT_EQ(ReadTestFile(Path("flash.bin")), "new image") << "a write cut after 3 bytes";
+    }
+    // A modem powered off and on again: its flash still holds what it acknowledged.
+    CFlashFile again;
+    ASSERT_TRUE(again.Open(Path("flash.bin"), true).IsOk());
+    EXPECT_EQ(ReadTestFile(Path("flash.bin")), "new image");
+}
+
 TEST_F(FileDevicesTest, FlashFileInAMissingDirectoryNamesThePath) {
     CFlashFile flash;
     EXPECT_EQ(

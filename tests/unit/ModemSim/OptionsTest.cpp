@@ -32,6 +32,7 @@ TEST(OptionsTest, DefaultsFitInsideTheLoadersFirstAttempt) {
     EXPECT_EQ(options.flashOut, "/tmp/f");
     EXPECT_EQ(options.baud, 0u);
     EXPECT_FALSE(options.initiallyOn);
+    EXPECT_FALSE(options.nonVolatileFlash);
     // The loader waits 1.25 s after pressing; the modem must be on and listening well before.
     EXPECT_EQ(options.powerOn, 100ms);
     EXPECT_EQ(options.bootWindow, 2000ms);
@@ -43,14 +44,17 @@ TEST(OptionsTest, DefaultsFitInsideTheLoadersFirstAttempt) {
 
 TEST(OptionsTest, EverythingGiven) {
     TOptions options;
-    ASSERT_TRUE(ParseOptions(With({"--baud", "115200", "--initially-on", "--power-on-ms", "7",
-                                   "--boot-window-ms", "50", "--erase-ms", "0", "--program-ms", "3",
-                                   "--fault", "nak=09", "--fault", "drop-bytes=4", "--trace",
-                                   "/tmp/t", "--summary", "/tmp/s"}),
-                             options)
-                    .IsOk());
+    ASSERT_TRUE(
+        ParseOptions(With({"--baud",        "115200", "--initially-on",   "--nonvolatile-flash",
+                           "--power-on-ms", "7",      "--boot-window-ms", "50",
+                           "--erase-ms",    "0",      "--program-ms",     "3",
+                           "--fault",       "nak=09", "--fault",          "drop-bytes=4",
+                           "--trace",       "/tmp/t", "--summary",        "/tmp/s"}),
+                     options)
+            .IsOk());
     EXPECT_EQ(options.baud, 115200u);
     EXPECT_TRUE(options.initiallyOn);
+    EXPECT_TRUE(options.nonVolatileFlash);
     EXPECT_EQ(options.powerOn, 7ms);
     EXPECT_EQ(options.bootWindow, 50ms);
     EXPECT_EQ(options.erase, 0ms);
