@@ -106,7 +106,7 @@ public:
         return image;
     }
     // A write-protected block device holding the storage: the read-only image attached by the
-    // test (read-only, as the kernel then attaches it), for the handler to mount as it is.
+    // test (read-only, since the image may not be written), for the handler to mount as it is.
     std::string WriteProtectedDevice() {
         const CStatus attached = CLoopDevice::Attach(ReadOnlyImage(), m_ownLoop);
         EXPECT_TRUE(attached) << attached.Message();
