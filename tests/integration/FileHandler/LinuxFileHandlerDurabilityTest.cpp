@@ -4,6 +4,7 @@
 // fails the operation without leaving a partial file behind. (Whether the storage really holds
 // the writes after a cut is shown on a kernel whose power is cut, not here.)
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -71,6 +72,20 @@ TEST_F(LinuxFileHandlerDurabilityTest, CopyFileSyncsTheCopyAndThenItsFolder) {
     EXPECT_EQ(IFileHandler::CopyFile(Bytes(source), Bytes(Path("update/boot.bin"))), 0);
     EXPECT_EQ(log.Calls(), (TCalls{"fsync " + Path("update/boot.bin"), "fsync " + Path("update")}));
     EXPECT_EQ(ReadTestFile(Path("update/boot.bin")), std::string(70000, 'b'));
+}
+
+// A signal that interrupts the sync of the copy does not fail the copy: the sync is made again.
+TEST_F(LinuxFileHandlerDurabilityTest, CopyFileSyncsAgainWhenASignalInterruptsTheSync) {
+    const std::string source = WriteTestFile(m_directory, "boot.bin", "boot");
+    CSyncCallLog log;
+    log.Fail("fsync " + Path("copy.bin"), EINTR, 1);
+    CLogCapture capture;
+    EXPECT_EQ(IFileHandler::CopyFile(Bytes(source), Bytes(Path("copy.bin"))), 0)
+        << m_handler.LastError();
+    EXPECT_EQ(log.Calls(), (TCalls{"fsync " + Path("copy.bin"), "fsync " + Path("copy.bin"),
+                                   "fsync " + m_directory.Path()}));
+    EXPECT_EQ(ReadTestFile(Path("copy.bin")), "boot");
+    EXPECT_EQ(capture.Entries(), std::vector<TLogEntry>{});
 }
 
 TEST_F(LinuxFileHandlerDurabilityTest, WriteStreamReplacesTheFileAtCloseThroughASyncedRename) {
@@ -209,6 +224,21 @@ TEST(DurableFilesTest, APipeHasNothingToSync) {
     EXPECT_TRUE(synced) << synced.Message();
     close(ends[0]);
     close(ends[1]);
+}
+
+// fsync answers EROFS, as it answers EINVAL for a pipe, for a file it has no storage to write
+// back to.
+TEST(DurableFilesTest, AFileWithoutStorageToWriteBackToHasNothingToSync) {
+    CTemporaryDirectory directory;
+    const std::string file = WriteTestFile(directory, "revision", "R11");
+    const int descriptor = open(file.c_str(), O_RDONLY | O_CLOEXEC);
+    ASSERT_GE(descriptor, 0);
+    CSyncCallLog log;
+    log.Fail("fsync " + file, EROFS);
+    const CStatus synced = SyncDescriptor(descriptor, "revision");
+    EXPECT_TRUE(synced) << synced.Message();
+    EXPECT_EQ(log.Calls(), TCalls{"fsync " + file});
+    close(descriptor);
 }
 
 TEST(DurableFilesTest, AMissingFolderCannotBeSynced) {

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <map>
 #include <mutex>
+#include <utility>
 
 #include "Descriptors.h"
 
@@ -14,7 +15,7 @@ struct TLogState {
     std::mutex mutex;
     bool recording = false;
     std::vector<std::string> calls;
-    std::map<std::string, int> failures;
+    std::map<std::string, std::pair<int, std::size_t>> failures;  // errno, times left
 };
 
 TLogState& State() {
@@ -36,7 +37,11 @@ int Record(const std::string& call) {
     }
     state.calls.push_back(call);
     const auto failure = state.failures.find(call);
-    return failure == state.failures.end() ? 0 : failure->second;
+    if (failure == state.failures.end() || failure->second.second == 0) {
+        return 0;
+    }
+    --failure->second.second;
+    return failure->second.first;
 }
 
 template <typename TFunction>
@@ -63,9 +68,9 @@ CSyncCallLog::~CSyncCallLog() {
     State().failures.clear();
 }
 
-void CSyncCallLog::Fail(const std::string& call, int error) {
+void CSyncCallLog::Fail(const std::string& call, int error, std::size_t times) {
     std::lock_guard<std::mutex> lock(State().mutex);
-    State().failures[call] = error;
+    State().failures[call] = {error, times};
 }
 
 std::vector<std::string> CSyncCallLog::Calls() const {
