@@ -275,6 +275,7 @@ int CLinuxFileHandler::FileSize(const unsigned char* path) {
 
 FILE* CLinuxFileHandler::FOpen(const unsigned char* path, const char* mode) {
     const std::string name = Text(path);
+    // A null mode is refused as fopen refuses an empty one, instead of handing fopen a null.
     const std::string modeText = mode != nullptr ? mode : "";
     struct stat existing;
     const bool exists = lstat(name.c_str(), &existing) == 0;
@@ -282,9 +283,9 @@ FILE* CLinuxFileHandler::FOpen(const unsigned char* path, const char* mode) {
     CStatus opened = CStatus::Ok();
     bool missingForReading = false;
     if (ReplacesContent(modeText) && (!exists || S_ISREG(existing.st_mode))) {
-        file = OpenReplacing(name, mode, opened);
+        file = OpenReplacing(name, modeText.c_str(), opened);
     } else {
-        file = fopen(name.c_str(), mode);
+        file = fopen(name.c_str(), modeText.c_str());
         if (file == nullptr) {
             // A missing file opened for reading answers a question (is a revision stored?);
             // it is not a fault of the storage.

@@ -544,6 +544,15 @@ const TStorageFailure kStorageFailures[] = {
      [](const TTest& test) {
          return Literal("opening " + test.Source("revision") + " with mode : Invalid argument");
      }},
+    {"StreamWithANullMode",
+     [](TTest& test) {
+         test.WriteSource("revision", "R11");
+         return IFileHandler::FOpen(Bytes(test.Source("revision")), nullptr) == nullptr ? -1 : 0;
+     },
+     -1, "FOpen",
+     [](const TTest& test) {
+         return Literal("opening " + test.Source("revision") + " with mode : Invalid argument");
+     }},
     {"ReplacedRevisionWhosePermissionsCannotBeKept",
      [](TTest& test) {
          test.WriteSource("revision", "R11");
