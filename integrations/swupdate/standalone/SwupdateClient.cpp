@@ -149,13 +149,6 @@ TChildResult CSwupdateClient::Install(const std::string& image, bool showOutput)
     return CChildProcess::Run(InstallerArguments(image), options);
 }
 
-bool CSwupdateClient::Succeeded(const TChildResult& install) {
-    const std::string output = install.out + install.err;
-    return install.exitCode == 0 ||
-           (install.exitCode == 1 && output.find("SWUPDATE successful") != std::string::npos &&
-            output.find("SWUPDATE failed") == std::string::npos);
-}
-
 CStatus CSwupdateClient::MakeImage(const TSwuRequest& request, std::string& image) const {
     image = PathOf("modem-firmware-" + request.revision + "-" + request.board + "-" +
                    (request.signer.empty() ? "unsigned" : request.signer) + ".swu");
