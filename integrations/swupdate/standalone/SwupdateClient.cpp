@@ -78,10 +78,11 @@ CStatus CSwupdateClient::Build(const TSwupdateSetup& setup) {
     }
 
     // The installed software as SWUpdate would read it from /etc/sw-versions; its log level
-    // shows the handler's messages (info) and every refusal (error).
+    // (trace) shows the handler's messages and the reason of every refusal: an image without
+    // sw-description.sig is refused with a trace only, before the installer drops it.
     const std::string config =
         "globals : {\n"
-        "    loglevel = 3;\n"
+        "    loglevel = 4;\n"
         "};\n"
         "versions : (\n"
         "    { name = \"modem\"; version = \"100\"; }\n"
