@@ -56,9 +56,8 @@ local function ForgetStaged()
 end
 
 -- The handler's own lines go to SWUpdate's standard error at once, as the runner's do, and to
--- SWUpdate's notifiers (its log, progress clients, a hawkBit server). Both: `swupdate -i` can
--- exit before its notifier thread has printed the last messages, and standard error is what a
--- service's journal keeps.
+-- SWUpdate's notifiers (its log, progress clients, a hawkBit server): standard error reaches the
+-- service's journal whatever SWUpdate's log level, the notifiers reach its clients.
 local function Say(Notify, text)
     io.stderr:write("modem-firmware: " .. text .. "\n")
     io.stderr:flush()

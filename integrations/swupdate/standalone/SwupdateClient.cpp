@@ -79,10 +79,11 @@ CStatus CSwupdateClient::Build(const TSwupdateSetup& setup) {
     }
 
     // The installed software as SWUpdate would read it from /etc/sw-versions; its log level
-    // shows the handler's messages (info) and every refusal (error).
+    // (trace) shows the handler's messages and the reason of every refusal: an image without
+    // sw-description.sig is refused with a trace only, before the installer drops it.
     const std::string config =
         "globals : {\n"
-        "    loglevel = 3;\n"
+        "    loglevel = 4;\n"
         "};\n"
         "versions : (\n"
         "    { name = \"modem\"; version = \"100\"; }\n"
@@ -152,13 +153,6 @@ TChildResult CSwupdateClient::Install(const std::string& image, bool showOutput)
     options.timeout = kInstallerTimeout;
     options.captureOutput = !showOutput;
     return CChildProcess::Run(InstallerArguments(image), options);
-}
-
-bool CSwupdateClient::Succeeded(const TChildResult& install) {
-    const std::string output = install.out + install.err;
-    return install.exitCode == 0 ||
-           (install.exitCode == 1 && output.find("SWUPDATE successful") != std::string::npos &&
-            output.find("SWUPDATE failed") == std::string::npos);
 }
 
 CStatus CSwupdateClient::MakeImage(const TSwuRequest& request, std::string& image) const {

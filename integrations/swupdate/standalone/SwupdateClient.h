@@ -18,6 +18,7 @@
 //                 `-H BOARD:REVISION`, the handler found through LUA_PATH_5_3 in this source tree
 // Used from one thread; needs root (the mount namespace).
 
+#include <cstddef>
 #include <memory>
 #include <string>
 #include <vector>
@@ -47,6 +48,14 @@ struct TSwuRequest {
 
 class CSwupdateClient {
 public:
+    // The firmware size of every image installed here. `swupdate -i` sends the image through
+    // SWUpdate's control socket and then asks for the install's status; an image small enough to
+    // fit the socket's buffer is sent before SWUpdate's installer has marked itself running, the
+    // first status reads "idle" and `-i` exits with status 1 in the middle of the install (or
+    // right after it). An image larger than the buffer (212992 bytes by default,
+    // net.core.wmem_default) is taken in only by the running installer.
+    static constexpr std::size_t kFirmwareBytes = 600000;
+
     // Empty when SWUpdate can run here; otherwise why not (root, swupdate, openssl, cpio,
     // unshare).
     static std::string MissingPrerequisite();
@@ -59,11 +68,6 @@ public:
 
     // `swupdate -i IMAGE`, to its end.
     TChildResult Install(const std::string& image, bool showOutput = false) const;
-    // Whether an install succeeded: SWUpdate's exit status 0, or 1 after it reported
-    // "SWUPDATE successful" and no failure. SWUpdate 2022.12 in `-i` mode now and then exits
-    // with 1 after a complete, successful install (a few runs in a hundred on a loaded machine,
-    // also with a handler that does nothing); its own report is the install's result.
-    static bool Succeeded(const TChildResult& install);
     // Runs the image maker on the device's update files; `image` is its path.
     [[nodiscard]] CStatus MakeImage(const TSwuRequest& request, std::string& image) const;
     // A copy of `image` whose member `member` has its first byte inverted, archived again in the
