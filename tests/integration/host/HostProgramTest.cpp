@@ -327,6 +327,32 @@ TEST_F(HostProgramTest, AFeatureOfAnotherTypeIsRefused) {
                               ": a feature of type 'navigation', not 'modemloader'\n");
 }
 
+TEST_F(HostProgramTest, AFeatureWithoutItsCreateEntryPointIsRefusedBeforeAnythingRuns) {
+    const std::string config = WriteConfig();
+    const TChildResult result = RunHost({"update", "--config", config, "--plugin", NO_CREATE_PLUGIN,
+                                         "--trace", Path("trace.jsonl")});
+    EXPECT_EQ(result.exitCode, 2) << Describe(result);
+    EXPECT_EQ(result.err, std::string("modemloader-host: plug-in ") + NO_CREATE_PLUGIN +
+                              ": not a feature plug-in (no FeatureCreate2)\n");
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(ReadTestFile(Path("trace.jsonl")), "") << "no event before the refusal";
+    const TChildResult info = RunHost({"info", "--plugin", NO_CREATE_PLUGIN});
+    EXPECT_EQ(info.exitCode, 2) << Describe(info);
+    EXPECT_EQ(info.err, result.err);
+    EXPECT_EQ(info.out, "");
+}
+
+TEST_F(HostProgramTest, AFeatureWhoseCreateMakesNoModuleIsNamed) {
+    const std::string config = WriteConfig();
+    const TChildResult result = RunHost({"update", "--config", config, "--plugin", NO_MODULE_PLUGIN,
+                                         "--trace", Path("trace.jsonl")});
+    EXPECT_EQ(result.exitCode, 2) << Describe(result);
+    EXPECT_EQ(result.err, std::string("modemloader-host: plug-in ") + NO_MODULE_PLUGIN +
+                              ": FeatureCreate2 made no module\n");
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(ReadTestFile(Path("trace.jsonl")), "") << "no event before the refusal";
+}
+
 // The host runs as root and hands configured values to the shell: a configuration or plug-in
 // that others could change is refused before it is read or loaded, naming the file, its owner and
 // its mode.
