@@ -102,6 +102,42 @@ TEST(TraceOpenTest, AFileThatCannotBeCreatedIsNamed) {
     EXPECT_EQ(status.Message(), "trace /nonexistent-folder/trace.jsonl: No such file or directory");
     EXPECT_FALSE(trace.IsOpen());
     trace.Command("true", 0);  // writes nothing, and does not fail
+    trace.Log(logging::TLogRecord{});
+    trace.Mount("/dev/loop3", "/mnt/x", 2, 0);
+    trace.Umount("/mnt/x", 0);
+    trace.Event(CTrace::TDirection::eIn, TEvent{3, 200, 0, nullptr});
+    EXPECT_TRUE(trace.WriteStatus());
+}
+
+// A trace on a file system that has filled up: the lines are lost, the update is not, and the
+// first failure is kept for the host to report.
+TEST(TraceWriteTest, ALineThatCannotBeWrittenIsKeptAsTheTracesFailure) {
+    CTrace trace;
+    ASSERT_TRUE(trace.Open("/dev/full"));
+    EXPECT_TRUE(trace.WriteStatus());
+    trace.Command("echo 1 > /sys/class/gpio/value", 0);
+    trace.Umount("/mnt/x", 0);
+    EXPECT_EQ(trace.WriteStatus().Message(), "trace /dev/full: writing: No space left on device");
+}
+
+TEST(TraceWriteTest, OpeningAgainStartsANewFileWithAClearRecord) {
+    CTemporaryDirectory directory;
+    ASSERT_TRUE(directory.Made()) << directory.Made().Message();
+    CTrace trace;
+    ASSERT_TRUE(trace.Open("/dev/full"));
+    trace.Command("true", 0);
+    ASSERT_FALSE(trace.WriteStatus());
+    const std::string path = directory.Join("trace.jsonl");
+    ASSERT_TRUE(trace.Open(path));
+    EXPECT_TRUE(trace.WriteStatus());
+    trace.Command("true", 0);
+    std::ifstream file(path);
+    std::string line;
+    ASSERT_TRUE(std::getline(file, line));
+    EXPECT_TRUE(std::regex_match(
+        line, std::regex(R"(\{"t":[0-9.e-]+,"kind":"cmd","line":"true","status":0\})")))
+        << line;
+    EXPECT_FALSE(std::getline(file, line));
 }
 
 }  // namespace
