@@ -559,6 +559,19 @@ TEST_F(HostProgramTest, AnAbsoluteConfiguredPluginIsTakenAsItIs) {
                               ": a feature of type 'navigation', not 'modemloader'\n");
 }
 
+TEST_F(HostProgramTest, APluginNamedWithoutAFolderIsTakenFromTheWorkingDirectory) {
+    // Not from the library search path: a bare name is a file here, as on any command line.
+    const std::string plugin = OTHER_TYPE_PLUGIN;
+    const std::string folder = plugin.substr(0, plugin.find_last_of('/'));
+    const std::string file = plugin.substr(plugin.find_last_of('/') + 1);
+    TChildOptions options;
+    options.workingDirectory = folder;
+    const TChildResult result = RunHost({"info", "--plugin", file}, options);
+    EXPECT_EQ(result.exitCode, 0) << Describe(result);
+    EXPECT_EQ(result.out.substr(0, result.out.find('\n')), "plugin: " + file);
+    EXPECT_NE(result.out.find("feature type: navigation\n"), std::string::npos) << result.out;
+}
+
 TEST_F(HostProgramTest, TheHelpCommandPrintsTheUsageAsTheOptionDoes) {
     const TChildResult command = RunHost({"help"});
     const TChildResult option = RunHost({"--help"});

@@ -66,6 +66,24 @@ TEST_F(TraceTest, RepliesCarryTheirNameFieldAndOutcomeProgressItsPercent) {
             R"({"kind":"event","dir":"out","type":3,"id":208,"size":68,"name":"modemloader","outcome":1})"}));
 }
 
+TEST_F(TraceTest, ATruncatedReplyOrProgressKeepsItsNameButNoFieldItLacks) {
+    // A feature that sends only the name field: no outcome and no percent are made up.
+    char name[kControllerNameSize] = "modemloader";
+    m_trace.Event(CTrace::TDirection::eOut, TEvent{3, 203, sizeof name, name});
+    m_trace.Event(CTrace::TDirection::eOut, TEvent{3, 206, sizeof name, name});
+    // Shorter than a name field: the bytes are the name, as for a request.
+    m_trace.Event(CTrace::TDirection::eOut, TEvent{3, 205, 5, name});
+    // Not a controller event at all: the payload's bytes are its name.
+    m_trace.Event(CTrace::TDirection::eIn, TEvent{1, 0, 4, "tick"});
+    EXPECT_EQ(
+        Lines(),
+        (std::vector<std::string>{
+            R"({"kind":"event","dir":"out","type":3,"id":203,"size":64,"name":"modemloader"})",
+            R"({"kind":"event","dir":"out","type":3,"id":206,"size":64,"name":"modemloader"})",
+            R"({"kind":"event","dir":"out","type":3,"id":205,"size":5,"name":"modem"})",
+            R"({"kind":"event","dir":"in","type":1,"id":0,"size":4,"name":"tick"})"}));
+}
+
 TEST_F(TraceTest, ALogRecordLosesItsWrappingOnly) {
     m_trace.Log(logging::TLogRecord{logging::categories::Always, logging::ModemLoader,
                                     "HandleControllerPrepare", "src/ModemLoader", 246,
