@@ -20,6 +20,7 @@
 #include "LogCapture.h"
 #include "OpenDescriptors.h"
 #include "Prerequisite.h"
+#include "PseudoTerminalTest.h"
 #include "SerialLineFaults.h"
 #include "UniqueFd.h"
 
@@ -27,46 +28,14 @@ namespace {
 
 using namespace std::chrono_literals;
 
-class LinuxSerialPortFaultsTest : public ::testing::Test {
+class LinuxSerialPortFaultsTest : public CPseudoTerminalTest {
 protected:
-    void SetUp() override {
-        m_master.Reset(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
-        if (!m_master.IsValid() || ::grantpt(m_master.Get()) != 0 ||
-            ::unlockpt(m_master.Get()) != 0) {
-            MODEMLOADER_MISSING_PREREQUISITE("no pseudo-terminal available here");
-        }
-        char name[128];
-        ASSERT_EQ(::ptsname_r(m_master.Get(), name, sizeof name), 0);
-        m_device = name;
-    }
-
     // Opens the port and finds the descriptor it reads and writes.
     void OpenPort(std::chrono::milliseconds readTimeout = 2s) {
         const CStatus status = CLinuxSerialPort::Open(m_device, 115200, readTimeout, m_port);
         ASSERT_TRUE(status.IsOk()) << status.Message();
         m_portDescriptor = DescriptorOpenOn(m_device);
         ASSERT_GE(m_portDescriptor, 0);
-    }
-
-    std::string ReadFromModem(std::size_t count) {
-        std::string received;
-        const auto deadline = std::chrono::steady_clock::now() + 5s;
-        while (received.size() < count && std::chrono::steady_clock::now() < deadline) {
-            pollfd descriptor{m_master.Get(), POLLIN, 0};
-            if (::poll(&descriptor, 1, 100) == 1) {
-                char buffer[4096];
-                const ssize_t got = ::read(m_master.Get(), buffer, sizeof buffer);
-                if (got > 0) {
-                    received.append(buffer, static_cast<std::size_t>(got));
-                }
-            }
-        }
-        return received;
-    }
-
-    void WriteFromModem(const std::string& bytes) {
-        ASSERT_EQ(::write(m_master.Get(), bytes.data(), bytes.size()),
-                  static_cast<ssize_t>(bytes.size()));
     }
 
     int WriteToModem(const std::string& bytes, uint32_t& written) {
@@ -78,8 +47,6 @@ protected:
         return "serial port " + m_device + ": " + what + "\n";
     }
 
-    CUniqueFd m_master;
-    std::string m_device;
     std::unique_ptr<CLinuxSerialPort> m_port;
     int m_portDescriptor = -1;
 };

@@ -20,26 +20,15 @@
 #include "LogCapture.h"
 #include "OpenDescriptors.h"
 #include "Prerequisite.h"
+#include "PseudoTerminalTest.h"
 #include "UniqueFd.h"
 
 namespace {
 
 using namespace std::chrono_literals;
 
-class LinuxSerialPortTest : public ::testing::Test {
+class LinuxSerialPortTest : public CPseudoTerminalTest {
 protected:
-    void SetUp() override {
-        m_master.Reset(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
-        if (!m_master.IsValid() || ::grantpt(m_master.Get()) != 0 ||
-            ::unlockpt(m_master.Get()) != 0) {
-            MODEMLOADER_MISSING_PREREQUISITE("no pseudo-terminal available here");
-        }
-        char name[128];
-        ASSERT_EQ(::ptsname_r(m_master.Get(), name, sizeof name), 0);
-        m_device = name;
-        m_masterDescriptor = m_master.Get();
-    }
-
     // The record of a port whose other end hung up: what `call` was doing (`what`), and EIO.
     TLogEntry HangUpEntry(const std::string& call, const std::string& what) const {
         return TLogEntry{logging::categories::Error, call,
@@ -51,28 +40,6 @@ protected:
         const CStatus status = CLinuxSerialPort::Open(m_device, 115200, readTimeout, port);
         EXPECT_TRUE(status.IsOk()) << status.Message();
         return port;
-    }
-
-    // Reads from the modem's side until `count` bytes arrived or 5 s passed.
-    std::string ReadFromModem(std::size_t count) {
-        std::string received;
-        const auto deadline = std::chrono::steady_clock::now() + 5s;
-        while (received.size() < count && std::chrono::steady_clock::now() < deadline) {
-            pollfd descriptor{m_master.Get(), POLLIN, 0};
-            if (::poll(&descriptor, 1, 100) == 1) {
-                char buffer[4096];
-                const ssize_t got = ::read(m_master.Get(), buffer, sizeof buffer);
-                if (got > 0) {
-                    received.append(buffer, static_cast<std::size_t>(got));
-                }
-            }
-        }
-        return received;
-    }
-
-    void WriteFromModem(const std::string& bytes) {
-        ASSERT_EQ(::write(m_master.Get(), bytes.data(), bytes.size()),
-                  static_cast<ssize_t>(bytes.size()));
     }
 
     // Reads through the port until `count` bytes arrived or 5 s passed.
@@ -95,10 +62,6 @@ protected:
         }
         return bytes;
     }
-
-    CUniqueFd m_master;
-    int m_masterDescriptor = -1;
-    std::string m_device;
 };
 
 TEST_F(LinuxSerialPortTest, ConfiguresTheLineRaw8N1WithoutFlowControlAtTheRequestedSpeed) {
