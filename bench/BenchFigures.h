@@ -1,8 +1,9 @@
 #pragma once
 // The figures of the benchmark table, measured one after another: the line-rate update (figure 1,
 // whose runs also give the CPU figures 3a and 3b and the plot), the tick-limited update (2), the
-// 64 MiB update for memory (4a, 4b), the archive copy against cp (5) and the footprint (6). Each
-// is measured `runs` times; progress lines go to stderr as the runs finish.
+// 64 MiB update for memory (4a, 4b), the archive copy against cp (5), the footprint (6) and what
+// each update system adds to an update (7). Each is measured `runs` times; progress lines go to
+// stderr as the runs finish.
 
 #include <cstddef>
 #include <set>
@@ -14,7 +15,7 @@
 struct TBenchOptions {
     std::string output = ".";  // where results.md and the plot go
     unsigned runs = 3;
-    std::set<int> figures{1, 2, 3, 4, 5, 6};
+    std::set<int> figures{1, 2, 3, 4, 5, 6, 7};
     // The armhf build's plug-in for the target's footprint row (6b); none when empty.
     std::string targetPlugin;
     bool help = false;
@@ -43,6 +44,7 @@ private:
     CStatus Memory();
     CStatus ArchiveCopy();
     CStatus Footprint();
+    CStatus UpdateSystems();
     // Row 6b, compared with the x86-64 plug-in's stripped size.
     CStatus TargetFootprint(std::size_t nativeStrippedBytes);
 

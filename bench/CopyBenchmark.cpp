@@ -114,17 +114,25 @@ CStatus CCopyBenchmark::CopyWithCp(double& seconds) {
     if (CStatus status = RemoveCopies(); !status) {
         return status;
     }
-    std::vector<std::string> command{"cp"};
-    command.insert(command.end(), m_sources.begin(), m_sources.end());
-    command.push_back(m_targetFolder + "/");
+    std::vector<std::string> copy{"cp"};
+    copy.insert(copy.end(), m_sources.begin(), m_sources.end());
+    copy.push_back(m_targetFolder + "/");
+    // sync(1) with file names fsyncs each of them: cp's copies made durable as CopyFile's are.
+    std::vector<std::string> flush{"sync"};
+    for (const std::string& source : m_sources) {
+        flush.push_back(DestinationOf(source));
+    }
     TChildOptions options;
     options.timeout = std::chrono::seconds(300);
     const auto start = std::chrono::steady_clock::now();
-    const TChildResult copied = CChildProcess::Run(command, options);
-    m_fileHandler->Sync();
+    const TChildResult copied = CChildProcess::Run(copy, options);
+    const TChildResult flushed = copied.exitCode == 0 ? CChildProcess::Run(flush, options) : copied;
     seconds = SecondsSince(start);
     if (copied.exitCode != 0) {
         return CStatus::Failure("cp: " + Describe(copied));
+    }
+    if (flushed.exitCode != 0) {
+        return CStatus::Failure("sync: " + Describe(flushed));
     }
     return CheckCopies();
 }

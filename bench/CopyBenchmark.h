@@ -1,10 +1,12 @@
 #pragma once
 // The archive loader's copy path measured against cp(1): four update files of the same size are
 // copied onto an ext4 image that CLinuxFileHandler attached to a loop device and mounted (as it
-// mounts the movinand storage), once with CLinuxFileHandler::CopyFile and once with cp, and each
-// time flushed with the file handler's Sync, which the archive loader also calls after its
-// copies. Both copy the same files onto the same mounted image in the same run; the order of the
-// two alternates from run to run, so neither always finds the caches as the other left them.
+// mounts the movinand storage). Once with CLinuxFileHandler::CopyFile, which returns only when
+// each copy and its folder entry are on the storage, followed by the file handler's Sync as the
+// archive loader calls it; once with cp followed by sync(1) of the copies, which makes the same
+// data durable: the fair comparison, since a cp that only fills the page cache does not do the
+// same work. Both copy the same files onto the same mounted image in the same run; the order of
+// the two alternates from run to run, so neither always finds the caches as the other left them.
 
 #include <cstddef>
 #include <map>
@@ -29,7 +31,8 @@ public:
     // system competes with the copies), mounts it and copies once with each method untimed.
     [[nodiscard]] CStatus Prepare(std::size_t fileCount, std::size_t fileBytes);
 
-    // One timed copy of all the files, in seconds: with CopyFile, or with one cp command.
+    // One timed copy of all the files, in seconds: with CopyFile, or with one cp and one sync
+    // command.
     [[nodiscard]] CStatus CopyWithFileHandler(double& seconds);
     [[nodiscard]] CStatus CopyWithCp(double& seconds);
 

@@ -5,8 +5,11 @@
 #   bin/modemloader-host, bin/modem-sim                       the programs
 #   include/modemloader-platform/                             the host-service headers
 #   lib/<multiarch>/cmake/ModemLoaderPlatform/, lib/<multiarch>/pkgconfig/   the SDK
+#   lib/<multiarch>/modem-sim/libfdtexport_interposer.so      the device-tree stand-in
+#   share/modem-sim/fdtexport/*.dtb                           the blobs it can stand for
+#   share/mender/modules/v3/modem-firmware, /etc/mender/modem-firmware.conf   the Mender module
 #   share/doc/modemloader/, share/man/man1/                   documents and manual pages
-# Components: plugin, runtime (libhostservices), host, emulator, sdk, doc.
+# Components: plugin, runtime (libhostservices), host, emulator, sdk, doc, mender.
 include(GNUInstallDirs)
 
 set(MODEMLOADER_INSTALL_INCLUDEDIR ${CMAKE_INSTALL_INCLUDEDIR}/modemloader-platform)
@@ -26,10 +29,11 @@ set(MODEMLOADER_HOSTSERVICES_SOVERSION 0)
 set(MODEMLOADER_HOSTSERVICES_VERSION ${PROJECT_VERSION}.0)
 
 # Manual pages of the programs, made at build time by help2man from their own --help, so they
-# never drift from it. Off without help2man and in instrumented builds (both are for tests only);
-# the packages turn it on.
+# never drift from it. Off without help2man and in instrumented builds (both are for tests only,
+# and in the coverage build help2man's runs of --help would count as covered lines); the packages
+# turn it on.
 find_program(HELP2MAN_EXECUTABLE help2man)
-if(HELP2MAN_EXECUTABLE AND MODEMLOADER_SANITIZER STREQUAL "")
+if(HELP2MAN_EXECUTABLE AND MODEMLOADER_SANITIZER STREQUAL "" AND NOT MODEMLOADER_COVERAGE)
     set(man_pages_default ON)
 else()
     set(man_pages_default OFF)

@@ -16,6 +16,7 @@ constexpr char kFeature[] = "modemloader";
 constexpr char kRevisionFile[] = "revision";  // "revisionfile"
 constexpr char kFlagFile[] = "update.flag";   // "flagfile"
 constexpr char kTargetFolder[] = "update";    // "targetfolder"
+constexpr char kFillerFile[] = "filler";      // other data on the storage (storageFillerBytes)
 }  // namespace device
 
 // What "/dev/fdtexport" holds on the device.
@@ -48,6 +49,10 @@ struct TDeviceSettings {
     // The movinand storage: an ext4 image, at least this large (grown to hold the archive
     // loader's copies).
     std::size_t storageBytes = 16u << 20;
+    // A file "filler" of this many bytes on the storage before the update: other data taking its
+    // room. The room made for the archive loader's copies does not count it, so a filler near
+    // the storage's size leaves too little room for them.
+    std::size_t storageFillerBytes = 0;
     // The revision file "revision" on the storage before the update; none when empty.
     std::optional<std::string> storedRevision = std::string("100");
 

@@ -154,6 +154,14 @@ CStatus CSimulatedDevice::MakeStorage() {
             return status;
         }
     }
+    if (m_settings.storageFillerBytes > 0) {
+        if (CStatus status =
+                m_directory.WriteFile(std::string("storage-content/") + device::kFillerFile,
+                                      std::string(m_settings.storageFillerBytes, 'f'));
+            !status) {
+            return status;
+        }
+    }
     // Room for the archive loader's copies of the update beside the file system's own needs.
     const std::size_t needed = 2 * (m_loader.size() + m_firmware.size()) + (8u << 20);
     const std::size_t bytes = std::max(m_settings.storageBytes, needed);
@@ -309,6 +317,20 @@ CStatus CSimulatedDevice::StopModem(nlohmann::json& summary) {
     return m_modem.Stop(PathOf("modem-summary.json"), summary);
 }
 
+CStatus CSimulatedDevice::RestartModem(const std::vector<std::string>& modemOptions) {
+    if (!m_settings.controlPin) {
+        return CStatus::Failure("a device without a control pin has no modem");
+    }
+    if (m_modem.IsRunning()) {
+        return CStatus::Failure("the modem is still running");
+    }
+    m_settings.modemOptions = modemOptions;
+    if (CStatus status = m_directory.WriteFile("control", "1\n"); !status) {
+        return status;
+    }
+    return StartModem().WithContext("restarting the modem");
+}
+
 CStatus CSimulatedDevice::ReadFlash(std::string& content) const {
     return ReadWholeFile(FlashFile(), content);
 }
@@ -328,6 +350,11 @@ std::vector<std::string> CSimulatedDevice::ListStorageFolder(
 }
 
 bool CSimulatedDevice::IsStorageMounted() const { return m_storage.IsMounted(); }
+
+std::vector<std::string> CSimulatedDevice::UpdateFileOptions() const {
+    return {"--loader",         LoaderSource(),        "--firmware",      FirmwareSource(),
+            "--product-config", ProductConfigSource(), "--daemon-config", DaemonConfigSource()};
+}
 
 std::vector<std::string> CSimulatedDevice::AttachedLoopDevices() const {
     return m_storage.AttachedLoopDevices();

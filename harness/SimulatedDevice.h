@@ -53,6 +53,10 @@ public:
     std::vector<std::string> HostArguments(const TUpdateOptions& options) const;
     std::vector<std::string> HostEnvironment() const;
     [[nodiscard]] CStatus StopModem(nlohmann::json& summary);
+    // Starts the modem again once a run stopped it, with `modemOptions` instead of the settings'
+    // (a fault taken away): switched off, the control pin released, as after the unit's reset.
+    // It writes the same flash file, trace and summary, emptied.
+    [[nodiscard]] CStatus RestartModem(const std::vector<std::string>& modemOptions);
 
     const TDeviceSettings& Settings() const { return m_settings; }
     const TDevicePrograms& Programs() const { return m_programs; }
@@ -71,6 +75,9 @@ public:
     std::string FirmwareSource() const { return PathOf("update/firmware.bin"); }
     std::string DaemonConfigSource() const { return PathOf("update/daemon.cfg"); }
     std::string ProductConfigSource() const { return PathOf("update/product.cfg"); }
+    // The four update files as the update systems' package makers take them: --loader FILE
+    // --firmware FILE --product-config FILE --daemon-config FILE.
+    std::vector<std::string> UpdateFileOptions() const;
 
     // The update's contents, as made.
     const std::string& Loader() const { return m_loader; }

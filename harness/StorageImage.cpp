@@ -82,6 +82,21 @@ CStatus CStorageImage::MakeReadOnlyFileSystem() const {
     return Succeeded(RunStorageTool({"tune2fs", "-O", "read-only", m_image}), "tune2fs " + m_image);
 }
 
+CStatus CStorageImage::MakeWritableFileSystem() const {
+    return Succeeded(RunStorageTool({"tune2fs", "-O", "^read-only", m_image}),
+                     "tune2fs " + m_image);
+}
+
+CStatus CStorageImage::RemoveFromImage(const std::string& relativePath) const {
+    static_cast<void>(RunStorageTool({"debugfs", "-w", "-R", "rm /" + relativePath, m_image}));
+    // debugfs reports its own errors only on standard error: look for the file instead.
+    const TChildResult found = RunStorageTool({"debugfs", "-R", "stat /" + relativePath, m_image});
+    if (found.exitCode == 0 && found.out.find("Inode:") != std::string::npos) {
+        return CStatus::Failure("debugfs left " + relativePath + " on " + m_image);
+    }
+    return CStatus::Ok();
+}
+
 CStatus CStorageImage::MakeFolderOnImage(const std::string& relativePath) const {
     static_cast<void>(RunStorageTool({"debugfs", "-w", "-R", "mkdir /" + relativePath, m_image}));
     // debugfs reports its own errors only on standard error: look for the folder instead.

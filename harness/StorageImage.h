@@ -44,9 +44,13 @@ public:
 
     // Sets the ext4 "read-only" feature: the kernel then mounts the storage only read-only.
     [[nodiscard]] CStatus MakeReadOnlyFileSystem() const;
+    // Clears that feature again: the storage mounts read-write.
+    [[nodiscard]] CStatus MakeWritableFileSystem() const;
     // A folder on the image, made through debugfs while it is not mounted.
     [[nodiscard]] CStatus MakeFolderOnImage(const std::string& relativePath) const;
 
+    // Removes a file from the (unmounted) image through debugfs; fails when it is still there.
+    [[nodiscard]] CStatus RemoveFromImage(const std::string& relativePath) const;
     // Content of a file on the (unmounted) image; fails when it is not there.
     [[nodiscard]] CStatus ReadFromImage(const std::string& relativePath,
                                         std::string& content) const;

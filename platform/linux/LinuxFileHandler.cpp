@@ -12,6 +12,8 @@
 #include <utility>
 #include <vector>
 
+#include "DurableFiles.h"
+#include "PlatformLog.h"
 #include "UniqueFd.h"
 
 namespace {
@@ -134,11 +136,18 @@ CStatus CopyRegularFile(const std::string& source, const std::string& destinatio
         return ErrnoFailure("creating " + destination);
     }
     CStatus copied = CopyContent(input.Get(), output.Get(), source, destination);
+    if (copied) {
+        copied = SyncDescriptor(output.Get(), destination);
+    }
     if (copied && close(output.Release()) != 0) {
         copied = ErrnoFailure("closing " + destination);
     }
+    if (copied) {
+        copied = SyncFolder(FolderOf(destination));
+    }
     if (!copied) {
-        // A truncated file on the storage would look like a valid one; none is left behind.
+        // A truncated file on the storage would look like a valid one, and a complete one that
+        // is not durable might not be there after a power cut: none is left behind.
         unlink(destination.c_str());
         return copied;
     }
@@ -146,6 +155,21 @@ CStatus CopyRegularFile(const std::string& source, const std::string& destinatio
 }
 
 bool IsWriteProtected(int error) { return error == EROFS || error == EACCES; }
+
+// A mode that replaces the file's content ("w", "wb", "w+"), except the exclusive "x", which
+// must fail on an existing path.
+bool ReplacesContent(const std::string& mode) {
+    return !mode.empty() && mode[0] == 'w' && mode.find('x') == std::string::npos;
+}
+
+bool Writes(const std::string& mode) { return mode.find_first_of("wa+") != std::string::npos; }
+
+// The file a "w" stream writes until FClose renames it over `path`: beside it, so that the
+// rename stays in one file system and one folder.
+std::string PartialPath(const std::string& path) {
+    const std::string folder = FolderOf(path);
+    return (folder == "/" ? "" : folder) + "/." + LastPathPart(path) + ".partial";
+}
 }  // namespace
 
 CLinuxFileHandler::CLinuxFileHandler(std::map<int, std::string> fileSystemTypes)
@@ -167,7 +191,12 @@ std::string CLinuxFileHandler::LastError() const {
     return m_lastError;
 }
 
-int CLinuxFileHandler::Report(const CStatus& status, int code) {
+int CLinuxFileHandler::Report(const char* call, const CStatus& status, int code) {
+    PLATFORM_LOG_FAILURE(call, status);
+    return Remember(status, code);
+}
+
+int CLinuxFileHandler::Remember(const CStatus& status, int code) {
     if (status) {
         return 0;
     }
@@ -181,63 +210,131 @@ int CLinuxFileHandler::FileExists(const unsigned char* path) {
     if (stat(Text(path).c_str(), &status) == 0) {
         return 0;
     }
-    return Report(ErrnoFailure("looking for " + Text(path)), 1);
+    return Remember(ErrnoFailure("looking for " + Text(path)), 1);
 }
 
 int CLinuxFileHandler::FolderExists(const unsigned char* path) {
     struct stat status;
     if (stat(Text(path).c_str(), &status) != 0) {
-        Report(ErrnoFailure("looking for folder " + Text(path)));
+        Remember(ErrnoFailure("looking for folder " + Text(path)));
         return IFileHandler::kFolderMissing;
     }
     return S_ISDIR(status.st_mode) ? IFileHandler::kFolderPresent : IFileHandler::kNotAFolder;
 }
 
 int CLinuxFileHandler::MakeFolder(const unsigned char* path) {
-    if (mkdir(Text(path).c_str(), 0755) == 0) {
-        return 0;
+    const std::string folder = Text(path);
+    if (mkdir(folder.c_str(), 0755) != 0) {
+        const int error = errno;
+        struct stat status;
+        if (error != EEXIST || stat(folder.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) {
+            errno = error;
+            return Report("MakeFolder", ErrnoFailure("making folder " + folder));
+        }
+        // Already there, but perhaps made by someone who did not sync its entry: synced below.
     }
-    const int error = errno;
-    struct stat status;
-    if (error == EEXIST && stat(Text(path).c_str(), &status) == 0 && S_ISDIR(status.st_mode)) {
-        return 0;
-    }
-    errno = error;
-    return Report(ErrnoFailure("making folder " + Text(path)));
+    return Report("MakeFolder",
+                  SyncFolder(FolderOf(folder)).WithContext("making folder " + folder));
 }
 
 int CLinuxFileHandler::CopyFile(const unsigned char* source, const unsigned char* destination) {
-    return Report(CopyRegularFile(Text(source), Text(destination))
+    return Report("CopyFile",
+                  CopyRegularFile(Text(source), Text(destination))
                       .WithContext("copying " + Text(source) + " to " + Text(destination)));
 }
 
 int CLinuxFileHandler::RemoveFile(const unsigned char* path) {
     if (unlink(Text(path).c_str()) == 0) {
-        return IFileHandler::kRemoved;
+        // Until its folder is synced the removal may be undone by a power cut: not done yet.
+        const CStatus synced = SyncFolder(FolderOf(Text(path)));
+        return synced ? IFileHandler::kRemoved
+                      : Report("RemoveFile", synced.WithContext("removing " + Text(path)),
+                               IFileHandler::kRemoveFailed);
     }
-    const bool absent = errno == ENOENT;
-    Report(ErrnoFailure("removing " + Text(path)));
-    return absent ? IFileHandler::kRemoveNoSuchFile : IFileHandler::kRemoveFailed;
+    if (errno == ENOENT) {
+        // Already gone: the caller counts that as removed.
+        Remember(ErrnoFailure("removing " + Text(path)));
+        return IFileHandler::kRemoveNoSuchFile;
+    }
+    return Report("RemoveFile", ErrnoFailure("removing " + Text(path)),
+                  IFileHandler::kRemoveFailed);
 }
 
 int CLinuxFileHandler::FileSize(const unsigned char* path) {
     struct stat status;
     if (stat(Text(path).c_str(), &status) != 0) {
-        return Report(ErrnoFailure("measuring " + Text(path)));
+        return Report("FileSize", ErrnoFailure("measuring " + Text(path)));
     }
     if (status.st_size > INT_MAX) {
-        return Report(CStatus::Failure("measuring " + Text(path) + ": " +
-                                       std::to_string(status.st_size) +
-                                       " bytes do not fit the result"));
+        return Report("FileSize", CStatus::Failure("measuring " + Text(path) + ": " +
+                                                   std::to_string(status.st_size) +
+                                                   " bytes do not fit the result"));
     }
     return static_cast<int>(status.st_size);
 }
 
 FILE* CLinuxFileHandler::FOpen(const unsigned char* path, const char* mode) {
-    FILE* file = fopen(Text(path).c_str(), mode);
-    if (file == nullptr) {
-        Report(ErrnoFailure("opening " + Text(path) + " with mode " + mode));
+    const std::string name = Text(path);
+    const std::string modeText = mode != nullptr ? mode : "";
+    struct stat existing;
+    const bool exists = lstat(name.c_str(), &existing) == 0;
+    FILE* file = nullptr;
+    CStatus opened = CStatus::Ok();
+    bool missingForReading = false;
+    if (ReplacesContent(modeText) && (!exists || S_ISREG(existing.st_mode))) {
+        file = OpenReplacing(name, mode, opened);
+    } else {
+        file = fopen(name.c_str(), mode);
+        if (file == nullptr) {
+            // A missing file opened for reading answers a question (is a revision stored?);
+            // it is not a fault of the storage.
+            missingForReading = errno == ENOENT && !Writes(modeText);
+            opened = ErrnoFailure("opening " + name + " with mode " + modeText);
+        } else if (Writes(modeText)) {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_streams[file] = TWrittenStream{name, std::string(), !exists};
+        }
     }
+    if (missingForReading) {
+        Remember(opened);
+    } else {
+        Report("FOpen", opened);
+    }
+    return file;
+}
+
+FILE* CLinuxFileHandler::OpenReplacing(const std::string& path, const char* mode, CStatus& status) {
+    const std::string failure = "opening " + path + " with mode " + mode;
+    struct stat existing;
+    const bool exists = stat(path.c_str(), &existing) == 0;
+    // fopen refuses a file it may not write; the rename alone would not.
+    if (exists && access(path.c_str(), W_OK) != 0) {
+        status = ErrnoFailure(failure);
+        return nullptr;
+    }
+    // A partial file is left only by a power cut or a killed writer: it is stale.
+    const std::string partial = PartialPath(path);
+    unlink(partial.c_str());
+    const int readWrite = std::strchr(mode, '+') != nullptr ? O_RDWR : O_WRONLY;
+    // Made as fopen makes a file (0666 less the umask); a replaced file's permissions are kept.
+    CUniqueFd descriptor(open(partial.c_str(), readWrite | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
+    if (!descriptor.IsValid()) {
+        status = ErrnoFailure(failure);
+        return nullptr;
+    }
+    FILE* file = nullptr;
+    if (exists && fchmod(descriptor.Get(), existing.st_mode & 07777) != 0) {
+        status = ErrnoFailure(failure);
+    } else if (file = fdopen(descriptor.Get(), mode); file == nullptr) {
+        status = ErrnoFailure(failure);
+    }
+    if (file == nullptr) {
+        unlink(partial.c_str());
+        return nullptr;
+    }
+    descriptor.Release();
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_streams[file] = TWrittenStream{path, partial, !exists};
     return file;
 }
 
@@ -259,16 +356,58 @@ int CLinuxFileHandler::FClose(FILE* file) {
     if (file == nullptr) {
         return EOF;
     }
+    bool written = false;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        written = m_streams.count(file) != 0;
+    }
+    if (written) {
+        return Report("FClose", CloseWritten(file), EOF);
+    }
     const int result = fclose(file);
     if (result != 0) {
-        Report(ErrnoFailure("closing a stream"));
+        Report("FClose", ErrnoFailure("closing a stream"));
     }
     return result;
 }
 
+CStatus CLinuxFileHandler::CloseWritten(FILE* file) {
+    TWrittenStream stream;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        const auto found = m_streams.find(file);
+        stream = std::move(found->second);
+        m_streams.erase(found);
+    }
+    const bool replacing = !stream.partialPath.empty();
+    const std::string context = "closing " + stream.path;
+    CStatus closed = CStatus::Ok();
+    if (fflush(file) != 0) {
+        closed = ErrnoFailure("writing " + stream.path);
+    }
+    if (closed) {
+        closed = SyncDescriptor(fileno(file), stream.path);
+    }
+    if (fclose(file) != 0 && closed) {
+        closed = ErrnoFailure("closing " + stream.path);
+    }
+    if (closed && replacing && rename(stream.partialPath.c_str(), stream.path.c_str()) != 0) {
+        closed = ErrnoFailure("renaming " + stream.partialPath + " to " + stream.path);
+    }
+    if (closed && (replacing || stream.created)) {
+        closed = SyncFolder(FolderOf(stream.path));
+    }
+    if (!closed && replacing) {
+        // The path keeps its old content (or stays absent); nothing half-written is left.
+        unlink(stream.partialPath.c_str());
+    }
+    return closed.WithContext(context);
+}
+
 int CLinuxFileHandler::Mount(const unsigned char* device, const unsigned char* mountPoint,
                              IFileHandler::TFileSystemFormat format) {
-    return Report(MountDevice(Text(device), Text(mountPoint), format)
+    return Report("Mount",
+                  MountDevice(Text(device), Text(mountPoint), format)
                       .WithContext("mounting " + Text(device) + " on " + Text(mountPoint)));
 }
 
@@ -318,13 +457,19 @@ CStatus CLinuxFileHandler::MountDevice(const std::string& device, const std::str
 }
 
 int CLinuxFileHandler::Umount(const unsigned char* mountPoint) {
-    return Report(UnmountDevice(Text(mountPoint)).WithContext("unmounting " + Text(mountPoint)));
+    bool notMounted = false;
+    const CStatus unmounted =
+        UnmountDevice(Text(mountPoint), notMounted).WithContext("unmounting " + Text(mountPoint));
+    // The feature unmounts before every mount, to clear a mount left by an earlier run: finding
+    // nothing mounted is the usual answer, which its own record already states.
+    return notMounted ? Remember(unmounted) : Report("Umount", unmounted);
 }
 
-CStatus CLinuxFileHandler::UnmountDevice(const std::string& mountPoint) {
+CStatus CLinuxFileHandler::UnmountDevice(const std::string& mountPoint, bool& notMounted) {
     std::lock_guard<std::mutex> unmounting(m_mountMutex);
     const std::string target = Resolved(mountPoint);
     if (umount2(target.c_str(), 0) != 0) {
+        notMounted = errno == EINVAL;
         return ErrnoFailure("unmounting");
     }
     std::unique_ptr<CLoopDevice> loop;
@@ -341,6 +486,22 @@ CStatus CLinuxFileHandler::UnmountDevice(const std::string& mountPoint) {
 }
 
 int CLinuxFileHandler::Sync() {
-    sync();
-    return 0;
+    std::vector<std::string> mountPoints;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        for (const auto& mounted : m_mounts) {
+            mountPoints.push_back(mounted.first);
+        }
+    }
+    CStatus synced = CStatus::Ok();
+    for (const std::string& mountPoint : mountPoints) {
+        CUniqueFd root(open(mountPoint.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        if (!root.IsValid()) {
+            synced = ErrnoFailure("opening " + mountPoint);
+        } else if (syncfs(root.Get()) != 0) {
+            // Since Linux 5.8 syncfs reports a write-back error of the file system.
+            synced = ErrnoFailure("writing back " + mountPoint);
+        }
+    }
+    return Report("Sync", synced.WithContext("syncing the mounted storage"));
 }

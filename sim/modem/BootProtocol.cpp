@@ -77,6 +77,9 @@ void CBootProtocol::PowerOff() {
 }
 
 void CBootProtocol::Receive(uint8_t byte, TTime now) {
+    if (m_statistics.lineHungUp) {
+        return;
+    }
     // The boot code hands over to the normal firmware when its window closes unanswered.
     if (m_state == TState::eBoot && now >= m_bootWindowEnd) {
         m_state = TState::eFirmware;
@@ -201,6 +204,9 @@ void CBootProtocol::ExecuteCommand(TTime now) {
 
 void CBootProtocol::ReceiveFirmwareByte(uint8_t byte, TTime now) {
     ++m_writeReceived;
+    if (m_faults.hangUpAfter && m_writeReceived == *m_faults.hangUpAfter) {
+        m_statistics.lineHungUp = true;
+    }
     if (m_dropLeft > 0) {
         --m_dropLeft;
     } else {

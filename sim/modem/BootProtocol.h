@@ -36,6 +36,7 @@ struct TBootStatistics {
     std::vector<std::string> commands;  // each complete command in hex, "07 00 c2 01 00"
     uint32_t bytesFlashed = 0;
     bool writeComplete = false;
+    bool lineHungUp = false;  // the "hang-up-after" fault closed the line
 };
 
 class CBootProtocol {
@@ -80,6 +81,9 @@ public:
     std::vector<uint8_t> TakeOutput();
 
     const TBootStatistics& Statistics() const { return m_statistics; }
+    // The line is gone (the "hang-up-after" fault): the owner of the terminal closes it, and
+    // every byte received from now on is ignored.
+    bool LineHungUp() const { return m_statistics.lineHungUp; }
 
 private:
     enum class TState { eOff, eBoot, eSynced, eLoader, eHalted, eFirmware, eCommand, eWriteData };

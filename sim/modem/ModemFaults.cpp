@@ -89,5 +89,13 @@ CStatus AddFault(TModemFaults& faults, const std::string& faultText) {
         faults.dropBytes = static_cast<uint32_t>(count);
         return CStatus::Ok();
     }
+    if (name == "hang-up-after") {
+        unsigned long count = 0;
+        if (!ParseUnsigned(argument, 10, UINT32_MAX, count) || count == 0) {
+            return bad("needs a firmware byte count of 1 or more");
+        }
+        faults.hangUpAfter = static_cast<uint32_t>(count);
+        return CStatus::Ok();
+    }
     return bad("unknown fault");
 }

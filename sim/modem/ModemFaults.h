@@ -18,6 +18,9 @@ struct TModemFaults {
     std::optional<char> writeStatus;   // "write-status=1|2|3|X": final write status
     bool writeSilent = false;          // "write-silent": no "." and no final status
     uint32_t dropBytes = 0;            // "drop-bytes=N": the first N firmware bytes are lost
+    // "hang-up-after=N": the serial adapter vanishes once N firmware bytes arrived; the line is
+    // closed and nothing after them reaches the modem.
+    std::optional<uint32_t> hangUpAfter;
 };
 
 // Adds one fault given as "NAME" or "NAME=ARG" (command bytes in hex, "07" or "0x07").

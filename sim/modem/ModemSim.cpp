@@ -101,7 +101,7 @@ CStatus CModemSim::UpdatePower(TTime now) {
 }
 
 void CModemSim::ReceiveFromHost(TTime now, bool readable) {
-    if (!readable && !m_receivePacer.NextDue()) {
+    if (!m_terminal.IsOpen() || (!readable && !m_receivePacer.NextDue())) {
         return;
     }
     const size_t allowance = m_receivePacer.Allowance(now);
@@ -119,6 +119,13 @@ void CModemSim::ReceiveFromHost(TTime now, bool readable) {
     m_trace.HostToModem(buffer, got, now);
     for (size_t index = 0; index < got; ++index) {
         m_protocol->Receive(buffer[index], now);
+        if (m_protocol->LineHungUp()) {
+            // The bytes after the last one received are lost with the line.
+            m_terminal.Close();
+            m_toHost.clear();
+            m_trace.Note("line hung up", now);
+            return;
+        }
     }
     CollectOutput();
 }
@@ -129,7 +136,7 @@ void CModemSim::CollectOutput() {
 }
 
 void CModemSim::TransmitToHost(TTime now) {
-    if (m_toHost.empty()) {
+    if (m_toHost.empty() || !m_terminal.IsOpen()) {
         return;
     }
     const size_t allowance = m_transmitPacer.Allowance(now);

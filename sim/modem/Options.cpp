@@ -41,6 +41,7 @@ constexpr char kFaultList[] =
     "  write-status=1|2|3|X end the write with that status (X: an unknown byte)\n"
     "  write-silent         no \".\" and no status during the write\n"
     "  drop-bytes=N         lose the first N firmware bytes\n"
+    "  hang-up-after=N      close the line once N firmware bytes arrived\n"
     "\n"
     "Runs until SIGTERM or SIGINT, then writes the summary. Exit status 2: bad arguments.";
 

@@ -14,6 +14,11 @@ CStatus SystemFailure(const std::string& doing) {
 }
 }  // namespace
 
+void CPseudoTerminal::Close() {
+    m_master.Reset();
+    m_slave.Reset();
+}
+
 CStatus CPseudoTerminal::Open() {
     m_master.Reset(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
     if (!m_master.IsValid()) {

@@ -19,6 +19,11 @@ public:
     int Master() const { return m_master.Get(); }
     const std::string& SlavePath() const { return m_slavePath; }
 
+    // Closes both ends the emulator holds, as an adapter pulled from its socket: the host's
+    // descriptor of the slave then reads and writes with EIO and polls with a hang-up.
+    void Close();
+    bool IsOpen() const { return m_master.IsValid(); }
+
 private:
     CUniqueFd m_master;
     CUniqueFd m_slave;

@@ -151,3 +151,29 @@ bool EndToEndTest::SourcesGone() const {
     }
     return true;
 }
+
+TDeviceSettings EndToEndTest::DeliveredUpdateSettings(std::vector<std::string> modemOptions) {
+    TDeviceSettings settings;
+    settings.storedRevision = "100";
+    settings.revision = "100";
+    settings.modemOptions = std::move(modemOptions);
+    return settings;
+}
+
+bool HasHostLine(const std::string& systemLog, const std::string& text) {
+    std::size_t start = 0;
+    while (start < systemLog.size()) {
+        std::size_t end = systemLog.find('\n', start);
+        if (end == std::string::npos) {
+            end = systemLog.size();
+        }
+        // The system may put its own prefix before the runner's (Mender: level=info msg=...).
+        const std::string line = systemLog.substr(start, end - start);
+        const std::size_t host = line.find("modemloader-host: ");
+        if (host != std::string::npos && line.find(text, host) != std::string::npos) {
+            return true;
+        }
+        start = end + 1;
+    }
+    return false;
+}

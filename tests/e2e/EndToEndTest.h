@@ -17,6 +17,10 @@
 // The revision file the module writes for the update on offer ("124"): its terminator included.
 extern const std::string kWrittenRevision;
 
+// Whether a line of an update system's log passes on a line of the host's output (prefixed
+// "modemloader-host: " by the update systems' runner) that contains `text`.
+bool HasHostLine(const std::string& systemLog, const std::string& text);
+
 class EndToEndTest : public ::testing::Test {
 protected:
     void SetUp() override;
@@ -48,6 +52,10 @@ protected:
     // completed", "firmware download completed") name the class's one source file, whichever of
     // its .cpp files logs them.
     void ExpectImageLoaderSourceFile() const;
+    // A device for an update system's tests: its own configuration offers the revision the
+    // storage records ("100"), so only the revision the update system delivers makes the host
+    // flash.
+    static TDeviceSettings DeliveredUpdateSettings(std::vector<std::string> modemOptions = {});
     std::string StorageFile(const std::string& relativePath) const;  // "" with a failure
     bool SourcesPresent() const;  // all four update files still at their paths
     bool SourcesGone() const;     // none of them

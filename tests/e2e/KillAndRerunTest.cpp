@@ -26,6 +26,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <memory>
 #include <optional>
@@ -40,11 +41,14 @@
 #include "ModemProcess.h"
 #include "Prerequisite.h"
 #include "SimulatedDevice.h"
+#include "TemporaryDirectory.h"
 #include "TestFiles.h"
 
 namespace {
 constexpr int kKillPoints = 20;
 constexpr uint64_t kPointSeed = 0x6b696c6c;  // the points are the same on every run of the test
+// The loaded run's rounds draw from this seed plus the round's number.
+constexpr uint64_t kLoadedPointSeed = 0x6c6f6164;
 constexpr char kNewRevision[] = "124";
 constexpr char kOldRevision[] = "100";
 using device::kFlagFile;
@@ -245,6 +249,53 @@ private:
     CModemProcess m_process;
 };
 
+// CPU and I/O load beside the test: stress-ng's workers on both cores (--cpu), syncing
+// (--io) and writing files (--hdd) in a folder of the test's, in a process group of their own.
+// Its own time-out bounds it should the test never stop it.
+class CLoad {
+public:
+    testing::AssertionResult Start(const CTemporaryDirectory& folder) {
+        TStartOptions options;
+        options.outputPath = folder.Join("stress-ng-output.txt");
+        options.ownProcessGroup = true;
+        const std::vector<std::string> arguments{
+            "stress-ng",   "--cpu", "2",           "--io",        "2",         "--hdd", "1",
+            "--hdd-bytes", "64M",   "--temp-path", folder.Path(), "--timeout", "24h",   "--quiet"};
+        if (CStatus started = m_process.Start(arguments, options); !started) {
+            return testing::AssertionFailure() << started.Message();
+        }
+        return testing::AssertionSuccess();
+    }
+
+    // Ends the load and its workers: SIGTERM lets stress-ng remove its files; a load that does
+    // not go within its grace is killed.
+    testing::AssertionResult Stop() {
+        m_process.Signal(SIGTERM);
+        if (!m_process.Wait(std::chrono::seconds(30))) {
+            m_process.Signal(SIGKILL);
+            m_process.WaitToEnd();
+            return testing::AssertionFailure() << "stress-ng outlived SIGTERM by 30 s";
+        }
+        return testing::AssertionSuccess();
+    }
+
+private:
+    CChildProcess m_process;
+};
+
+// The rounds of the loaded run: MODEMLOADER_KILL_ROUNDS, or a few for CI; 0 when it is not a
+// whole number.
+int LoadedRounds() {
+    constexpr int kRoundsInCi = 10;
+    const char* text = std::getenv("MODEMLOADER_KILL_ROUNDS");
+    if (text == nullptr || *text == '\0') {
+        return kRoundsInCi;
+    }
+    char* end = nullptr;
+    const long rounds = std::strtol(text, &end, 10);
+    return *end == '\0' && rounds > 0 && rounds <= 100000 ? static_cast<int>(rounds) : 0;
+}
+
 // Whether the restarted emulator was sent a write command: then its flash file holds what the
 // modem's flash holds now; otherwise the flash is as it was before the reset.
 bool Wrote(const nlohmann::json& summary) {
@@ -262,6 +313,15 @@ std::string DescribeUpdate(const TUpdateResult& result) {
     return text.str();
 }
 
+bool FirstUnmountSucceeded(const TUpdateResult& result) {
+    for (const nlohmann::json& line : result.trace) {
+        if (line.value("kind", "") == "umount") {
+            return line.value("status", -1) == 0;
+        }
+    }
+    return false;
+}
+
 bool TraceHasLog(const TUpdateResult& result, const std::string& text) {
     for (const nlohmann::json& line : result.trace) {
         if (line.value("kind", "") == "log" && line.value("text", "") == text) {
@@ -270,6 +330,43 @@ bool TraceHasLog(const TUpdateResult& result, const std::string& text) {
     }
     return false;
 }
+
+// What became of one kill point.
+struct TPointOutcome {
+    bool survived = false;
+    bool killedMidRun = false;  // the kill fell before the host's result
+    // The worst outcome there is: the rerun exited 0 while the device holds missing or
+    // different files (flash, revision, copies or flag file).
+    bool falseSuccess = false;
+};
+
+// The outcomes of a run of points, and their line in the test's output.
+struct TPointTally {
+    int points = 0;
+    int survived = 0;
+    int killedMidRun = 0;
+    int falseSuccesses = 0;
+
+    void Add(const TPointOutcome& outcome) {
+        ++points;
+        survived += outcome.survived ? 1 : 0;
+        killedMidRun += outcome.killedMidRun ? 1 : 0;
+        falseSuccesses += outcome.falseSuccess ? 1 : 0;
+    }
+    void Add(const TPointTally& other) {
+        points += other.points;
+        survived += other.survived;
+        killedMidRun += other.killedMidRun;
+        falseSuccesses += other.falseSuccesses;
+    }
+    std::string Describe() const {
+        return std::to_string(survived) + " of " + std::to_string(points) + " points survived (" +
+               std::to_string(killedMidRun) + " killed mid-run, " +
+               std::to_string(points - killedMidRun) + " not killed before the result); " +
+               std::to_string(falseSuccesses) +
+               " reruns reported success over missing or different files";
+    }
+};
 
 // The checks of one kill point: each failed check is a test failure that names the point, and
 // the point survived when none failed.
@@ -291,6 +388,8 @@ public:
         std::printf("[ kill-and-rerun ]   %s: %s; left %s; %s\n", m_point.c_str(),
                     killedMidRun ? "killed mid-run" : "not killed before the result",
                     m_left.c_str(), m_survived ? "survived" : "FAILED");
+        // A long run is watched through its log as it goes.
+        std::fflush(stdout);
         return m_survived;
     }
 
@@ -323,6 +422,35 @@ protected:
         return settings;
     }
 
+    // The image loader's points: a line of the reference run's trace.
+    static void ImageLoaderReferenceLines(std::size_t& referenceLines) {
+        TUpdateResult reference;
+        ASSERT_NO_FATAL_FAILURE(ReferenceRun(ImageLoaderDevice(), reference));
+        referenceLines = reference.trace.size();
+        ASSERT_GT(referenceLines, 2u);
+    }
+    static auto ImageLoaderPoints(std::size_t referenceLines) {
+        return [referenceLines](std::mt19937_64& random) {
+            TKillPoint point;
+            point.traceLines =
+                std::uniform_int_distribution<std::size_t>(1, referenceLines - 1)(random);
+            return point;
+        };
+    }
+    // The archive loader's points: a byte of the update's four files, up to the last one, so
+    // that the points at the end fall on the flag file, Sync and the unmount.
+    static auto ArchivePoints() {
+        const TDeviceSettings settings = ArchiveLoaderDevice();
+        const std::size_t totalBytes = settings.loaderBytes + settings.firmwareBytes +
+                                       CSimulatedDevice::DaemonConfig().size() +
+                                       CSimulatedDevice::ProductConfig().size();
+        return [totalBytes](std::mt19937_64& random) {
+            TKillPoint point;
+            point.copiedBytes = std::uniform_int_distribution<std::size_t>(1, totalBytes)(random);
+            return point;
+        };
+    }
+
     // One uninterrupted update on a fresh device: it must succeed, and its trace is what the
     // kill points are drawn from.
     static void ReferenceRun(const TDeviceSettings& settings, TUpdateResult& result) {
@@ -340,28 +468,36 @@ protected:
     // already finished would prove nothing about kills.
     template <typename TDraw, typename TSurvive>
     static void ExpectEveryKillSurvived(const char* path, TDraw draw, TSurvive survive) {
-        std::mt19937_64 random(kPointSeed);
-        int survived = 0;
-        int killedMidRun = 0;
-        for (int index = 0; index < kKillPoints; ++index) {
-            const TKillPoint point = draw(random);
-            bool killed = false;
-            survived += survive(point, killed) ? 1 : 0;
-            killedMidRun += killed ? 1 : 0;
-        }
-        std::printf(
-            "[ kill-and-rerun ] %s: %d of %d points survived (%d killed mid-run, %d "
-            "not killed before the result)\n",
-            path, survived, kKillPoints, killedMidRun, kKillPoints - killedMidRun);
+        const TPointTally tally = RunPoints(kKillPoints, kPointSeed, draw, survive);
+        std::printf("[ kill-and-rerun ] %s: %s\n", path, tally.Describe().c_str());
         std::fflush(stdout);
-        EXPECT_EQ(survived, kKillPoints);
-        EXPECT_GE(killedMidRun, kKillPoints / 2);
+        EXPECT_EQ(tally.survived, kKillPoints);
+        EXPECT_EQ(tally.falseSuccesses, 0);
+        EXPECT_GE(tally.killedMidRun, kKillPoints / 2);
+    }
+
+    // `count` points drawn by `draw` from the sequence of `seed`, each followed by `survive`.
+    template <typename TDraw, typename TSurvive>
+    static TPointTally RunPoints(int count, uint64_t seed, TDraw draw, TSurvive survive) {
+        std::mt19937_64 random(seed);
+        TPointTally tally;
+        for (int index = 0; index < count; ++index) {
+            tally.Add(survive(draw(random)));
+        }
+        return tally;
     }
 
     // The rerun finished the update and released the storage.
+    // `leftMounted`: the killed host left the storage mounted.
     static void CheckRerun(CPointChecks& checks, const CSimulatedDevice& device,
-                           const TUpdateResult& rerun) {
+                           const TUpdateResult& rerun, bool leftMounted) {
         checks.Check(rerun.exitCode == 0, "the rerun succeeds", DescribeUpdate(rerun));
+        // The mount that the killed host left must be gone before the rerun mounts the storage:
+        // a mount over it would put two file systems on one image through two loop devices,
+        // each writing its own view of the same blocks.
+        checks.Check(!leftMounted || FirstUnmountSucceeded(rerun),
+                     "the rerun's Prepare unmounts the mount the killed host left",
+                     DescribeUpdate(rerun));
         checks.Check(!device.IsStorageMounted(), "the rerun leaves the storage unmounted");
         checks.Check(device.Storage().AwaitNoLoopDevice(),
                      "the rerun leaves no loop device attached to the storage");
@@ -385,15 +521,16 @@ protected:
 
     // Kills the flash at `point`, checks what the kill left, resets the modem, runs the update
     // again and checks the device. True when the device survived.
-    static bool SurviveImageLoaderKill(const TKillPoint& point, bool& killedMidRun) {
+    static TPointOutcome SurviveImageLoaderKill(const TKillPoint& point) {
         CPointChecks checks(point.Describe());
         TKilledRun killed;
+        TPointOutcome outcome;
         const std::unique_ptr<CSimulatedDevice> device =
             MakeAndKill(ImageLoaderDevice(), point, checks, killed);
         if (!device) {
-            return false;
+            return outcome;
         }
-        killedMidRun = killed.KilledBeforeResult();
+        outcome.killedMidRun = killed.KilledBeforeResult();
 
         // The unit's reset switches the modem off; its flash keeps what was programmed.
         nlohmann::json firstSummary;
@@ -415,8 +552,8 @@ protected:
         checks.Check(!sourceRemoved || newRevision,
                      "a source file is removed only after the new revision was written",
                      killed.trace);
-        checks.Left(std::string(device->IsStorageMounted() ? "the storage mounted"
-                                                           : "the storage unmounted") +
+        const bool leftMounted = device->IsStorageMounted();
+        checks.Left(std::string(leftMounted ? "the storage mounted" : "the storage unmounted") +
                     ", " + std::to_string(flashBefore.size()) + " bytes flashed, " +
                     (newRevision ? "the new revision" : "the old revision") + ", " +
                     (sourceRemoved ? "sources removed" : "sources kept"));
@@ -425,7 +562,7 @@ protected:
         const testing::AssertionResult restarted = modem.Start(*device);
         checks.Check(static_cast<bool>(restarted), "restarting the modem", restarted.message());
         if (!restarted) {
-            return false;
+            return outcome;
         }
         TUpdateResult rerun;
         const CStatus reran = device->RunUpdate(TUpdateOptions(), rerun);
@@ -435,7 +572,7 @@ protected:
         checks.Check(static_cast<bool>(modemStopped), "stopping the restarted modem",
                      modemStopped.message());
 
-        CheckRerun(checks, *device, rerun);
+        CheckRerun(checks, *device, rerun, leftMounted);
         std::string flashAfter = flashBefore;
         if (Wrote(secondSummary)) {
             static_cast<void>(ReadWholeFile(CRestartedModem::FlashFile(*device), flashAfter));
@@ -451,7 +588,10 @@ protected:
         for (const std::string& source : SourcePaths(*device)) {
             checks.Check(!FileExists(source), "after the rerun the source is removed: " + source);
         }
-        return checks.Print(killedMidRun);
+        outcome.falseSuccess = rerun.exitCode == 0 && (flashAfter != device->Firmware() ||
+                                                       revisionAfter != WrittenRevision());
+        outcome.survived = checks.Print(outcome.killedMidRun);
+        return outcome;
     }
 
     // The copies on the storage, read as the kill left them; true when all four are complete.
@@ -475,22 +615,23 @@ protected:
 
     // Kills the archive copy at `point`, checks what the kill left, runs the update again and
     // checks the storage. True when the device survived.
-    static bool SurviveArchiveKill(const TKillPoint& point, bool& killedMidRun) {
+    static TPointOutcome SurviveArchiveKill(const TKillPoint& point) {
         CPointChecks checks(point.Describe());
         TKilledRun killed;
+        TPointOutcome outcome;
         const std::unique_ptr<CSimulatedDevice> device =
             MakeAndKill(ArchiveLoaderDevice(), point, checks, killed);
         if (!device) {
-            return false;
+            return outcome;
         }
-        killedMidRun = killed.KilledBeforeResult();
+        outcome.killedMidRun = killed.KilledBeforeResult();
 
         std::string flag;
         const bool flagged = ReadStorageAfterKill(*device, kFlagFile, flag);
-        checks.Left((device->IsStorageMounted()
-                         ? "the storage mounted, " + std::to_string(CopiedBytes(*device)) +
-                               " bytes in the copies"
-                         : std::string("the storage unmounted")) +
+        const bool leftMounted = device->IsStorageMounted();
+        checks.Left((leftMounted ? "the storage mounted, " + std::to_string(CopiedBytes(*device)) +
+                                       " bytes in the copies"
+                                 : std::string("the storage unmounted")) +
                     (flagged ? ", the flag file" : ", no flag file"));
         checks.Check(!flagged || CopiesComplete(*device, true),
                      "the flag file exists only beside four complete copies", killed.trace);
@@ -505,54 +646,78 @@ protected:
         TUpdateResult rerun;
         const CStatus reran = device->RunUpdate(TUpdateOptions(), rerun);
         checks.Check(static_cast<bool>(reran), "running the update again", reran.Message());
-        CheckRerun(checks, *device, rerun);
-        checks.Check(CopiesComplete(*device, false), "after the rerun the four copies are complete",
+        CheckRerun(checks, *device, rerun, leftMounted);
+        // The stored revision never changes here, so the rerun needs the update: a success
+        // without this record came from the fake loader (a device tree that could not be read
+        // sends Install there), which copies nothing.
+        checks.Check(TraceHasLog(rerun, "Copied files to movinand"),
+                     "the rerun's archive loader copied the files", DescribeUpdate(rerun));
+        const bool copiesAfter = CopiesComplete(*device, false);
+        checks.Check(copiesAfter, "after the rerun the four copies are complete",
                      DescribeUpdate(rerun));
         std::string flagAfter;
-        checks.Check(
-            static_cast<bool>(device->ReadStorageFile(kFlagFile, flagAfter)) && flagAfter.empty(),
-            "after the rerun the flag file is there, empty", DescribeUpdate(rerun));
+        const bool flaggedAfter =
+            static_cast<bool>(device->ReadStorageFile(kFlagFile, flagAfter)) && flagAfter.empty();
+        checks.Check(flaggedAfter, "after the rerun the flag file is there, empty",
+                     DescribeUpdate(rerun));
         for (const std::string& source : SourcePaths(*device)) {
             checks.Check(FileExists(source), "after the rerun the source is kept: " + source);
         }
-        return checks.Print(killedMidRun);
+        outcome.falseSuccess = rerun.exitCode == 0 && !(copiesAfter && flaggedAfter);
+        outcome.survived = checks.Print(outcome.killedMidRun);
+        return outcome;
     }
 };
 
 TEST_F(KillAndRerunTest, ImageLoaderFlashKilledAtTwentyPointsCompletesOnRerun) {
-    TUpdateResult reference;
-    ASSERT_NO_FATAL_FAILURE(ReferenceRun(ImageLoaderDevice(), reference));
-    const std::size_t referenceLines = reference.trace.size();
-    ASSERT_GT(referenceLines, 2u);
-
-    std::uniform_int_distribution<std::size_t> lines(1, referenceLines - 1);
-    ExpectEveryKillSurvived(
-        "image loader",
-        [&](std::mt19937_64& random) {
-            TKillPoint point;
-            point.traceLines = lines(random);
-            return point;
-        },
-        SurviveImageLoaderKill);
+    std::size_t referenceLines = 0;
+    ASSERT_NO_FATAL_FAILURE(ImageLoaderReferenceLines(referenceLines));
+    ExpectEveryKillSurvived("image loader", ImageLoaderPoints(referenceLines),
+                            SurviveImageLoaderKill);
 }
 
 TEST_F(KillAndRerunTest, ArchiveCopyKilledAtTwentyPointsCompletesOnRerun) {
-    // What the archive loader copies: the update's four files.
-    const TDeviceSettings settings = ArchiveLoaderDevice();
-    const std::size_t totalBytes = settings.loaderBytes + settings.firmwareBytes +
-                                   CSimulatedDevice::DaemonConfig().size() +
-                                   CSimulatedDevice::ProductConfig().size();
+    ExpectEveryKillSurvived("archive loader", ArchivePoints(), SurviveArchiveKill);
+}
 
-    // Up to the last byte: the points at the end fall on the flag file, Sync and the unmount.
-    std::uniform_int_distribution<std::size_t> copied(1, totalBytes);
-    ExpectEveryKillSurvived(
-        "archive loader",
-        [&](std::mt19937_64& random) {
-            TKillPoint point;
-            point.copiedBytes = copied(random);
-            return point;
-        },
-        SurviveArchiveKill);
+// The points of both loaders while stress-ng keeps both cores and the disk busy: the kill, the
+// kernel's release of the dead host's mount and loop device, the rerun's own mounts and the
+// checks' reads of the image then interleave as they do on a loaded device. No rerun may report
+// success over missing or different files. MODEMLOADER_KILL_ROUNDS sets the rounds, each one
+// point of each loader from a sequence of its own (./run kill-under-load runs many).
+TEST_F(KillAndRerunTest, KillPointsOfBothLoadersUnderCpuAndIoLoadNeverRerunToAFalseSuccess) {
+    if (!IsInPath("stress-ng")) {
+        MODEMLOADER_MISSING_PREREQUISITE("stress-ng is not installed: it makes the load");
+    }
+    const int rounds = LoadedRounds();
+    ASSERT_GT(rounds, 0) << "MODEMLOADER_KILL_ROUNDS must be a whole number of 1 or more";
+    CTemporaryDirectory loadFolder("/tmp/modemloader-load-");
+    ASSERT_TRUE(loadFolder.Made()) << loadFolder.Made().Message();
+    CLoad load;
+    ASSERT_TRUE(load.Start(loadFolder));
+    const auto started = std::chrono::steady_clock::now();
+
+    std::size_t referenceLines = 0;
+    ASSERT_NO_FATAL_FAILURE(ImageLoaderReferenceLines(referenceLines));
+    TPointTally image;
+    TPointTally archive;
+    for (int round = 0; round < rounds; ++round) {
+        const uint64_t seed = kLoadedPointSeed + static_cast<uint64_t>(round);
+        image.Add(RunPoints(1, seed, ImageLoaderPoints(referenceLines), SurviveImageLoaderKill));
+        archive.Add(RunPoints(1, seed, ArchivePoints(), SurviveArchiveKill));
+    }
+    const double seconds =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+    EXPECT_TRUE(load.Stop());
+    TPointTally all = image;
+    all.Add(archive);
+    std::printf("[ kill-under-load ] image loader: %s\n", image.Describe().c_str());
+    std::printf("[ kill-under-load ] archive loader: %s\n", archive.Describe().c_str());
+    std::printf("[ kill-under-load ] %d rounds under load in %.0f s: %s\n", rounds, seconds,
+                all.Describe().c_str());
+    std::fflush(stdout);
+    EXPECT_EQ(all.falseSuccesses, 0);
+    EXPECT_EQ(all.survived, all.points);
 }
 
 // Without a reset the modem stays on inside its loader, taking firmware data. The rerun's

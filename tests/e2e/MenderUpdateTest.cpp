@@ -20,24 +20,6 @@ using nlohmann::json;
 constexpr char kOldArtifact[] = "modem-firmware-100";
 constexpr char kNewArtifact[] = "modem-firmware-124";
 
-// A line of the client's log that passes on a line of the host's output containing `text`.
-bool HasHostLine(const std::string& clientLog, const std::string& text) {
-    std::size_t start = 0;
-    while (start < clientLog.size()) {
-        std::size_t end = clientLog.find('\n', start);
-        if (end == std::string::npos) {
-            end = clientLog.size();
-        }
-        const std::string line = clientLog.substr(start, end - start);
-        const std::size_t host = line.find("modemloader-host: ");
-        if (host != std::string::npos && line.find(text, host) != std::string::npos) {
-            return true;
-        }
-        start = end + 1;
-    }
-    return false;
-}
-
 std::string Trimmed(std::string text) {
     while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) {
         text.pop_back();
@@ -60,14 +42,8 @@ protected:
         }
     }
 
-    // A device whose own configuration offers the revision it already has: only the
-    // artifact's revision can make the host flash.
     static TDeviceSettings Settings(std::vector<std::string> modemOptions = {}) {
-        TDeviceSettings settings;
-        settings.storedRevision = "100";
-        settings.revision = "100";
-        settings.modemOptions = std::move(modemOptions);
-        return settings;
+        return DeliveredUpdateSettings(std::move(modemOptions));
     }
 
     void MakeClient(const TMenderSetup& setup = TMenderSetup()) {
@@ -220,7 +196,7 @@ TEST_F(MenderUpdateTest, MisspeltModuleSettingFailsTheInstallBeforeTheHostRuns) 
     EXPECT_NE(m_install.exitCode, 0) << ::Describe(m_install);
     const std::size_t lines =
         static_cast<std::size_t>(std::count(settings.begin(), settings.end(), '\n'));
-    EXPECT_NE(m_install.err.find("modem-firmware: settings /etc/mender/modem-firmware.conf:" +
+    EXPECT_NE(m_install.err.find("modem-update: settings /etc/mender/modem-firmware.conf:" +
                                  std::to_string(lines + 1) + ": unknown key 'tickms'"),
               std::string::npos)
         << ::Describe(m_install);
@@ -314,8 +290,12 @@ TEST_P(MenderFaultTest, InstallFailsAndTheDeviceKeepsItsArtifactRevisionAndUpdat
 
     EXPECT_NE(m_install.exitCode, 0) << ::Describe(m_install);
     EXPECT_TRUE(HasHostLine(m_install.err, GetParam().hostLogLine)) << ::Describe(m_install);
-    EXPECT_NE(m_install.err.find("modem-firmware: modemloader-host exited with status 1; "
+    EXPECT_NE(m_install.err.find("modem-update: modemloader-host exited with status 1; "
                                  "revision 124 not installed"),
+              std::string::npos)
+        << ::Describe(m_install);
+    EXPECT_NE(m_install.err.find("modem-firmware: revision 124 not installed (modem-update exited "
+                                 "with status 1)"),
               std::string::npos)
         << ::Describe(m_install);
     ExpectSummary(GetParam().summary);

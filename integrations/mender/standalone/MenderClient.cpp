@@ -76,9 +76,10 @@ CStatus CMenderClient::Build(const TMenderSetup& setup) {
         }
     }
     std::error_code error;
-    std::filesystem::copy_file(ModulePath(), PathOf(std::string("modules/") + kModuleName), error);
+    const std::string module = setup.module.empty() ? ModulePath() : setup.module;
+    std::filesystem::copy_file(module, PathOf(std::string("modules/") + kModuleName), error);
     if (error) {
-        return CStatus::Failure("copying " + ModulePath() + ": " + error.message());
+        return CStatus::Failure("copying " + module + ": " + error.message());
     }
 
     // The paths as the client sees them inside its namespace. ModulesPath, ModulesWorkPath and
@@ -99,7 +100,10 @@ CStatus CMenderClient::Build(const TMenderSetup& setup) {
     std::ostringstream settings;
     settings << "host = " << m_device.Programs().host << "\n"
              << "config = " << m_device.ConfigFile() << "\n"
-             << "timeout = " << kHostTimeoutSeconds << "\n";
+             << "timeout = " << kHostTimeoutSeconds << "\n"
+             << "runner = "
+             << (setup.runner.empty() ? std::string(MODEMLOADER_UPDATE_RUNNER) : setup.runner)
+             << "\n";
     for (const std::string& variable : m_device.HostEnvironment()) {
         settings << "environment = " << variable << "\n";
     }
@@ -162,23 +166,12 @@ TChildResult CMenderClient::ShowArtifact() const { return RunClient({"show-artif
 
 CStatus CMenderClient::MakeArtifact(const TArtifactRequest& request, std::string& artifact) const {
     artifact = PathOf(request.name + ".mender");
-    std::vector<std::string> arguments{ArtifactMakerPath(),
-                                       "--name",
-                                       request.name,
-                                       "--device-type",
-                                       request.deviceType,
-                                       "--revision",
-                                       request.revision,
-                                       "--loader",
-                                       m_device.LoaderSource(),
-                                       "--firmware",
-                                       m_device.FirmwareSource(),
-                                       "--product-config",
-                                       m_device.ProductConfigSource(),
-                                       "--daemon-config",
-                                       m_device.DaemonConfigSource(),
-                                       "--output",
-                                       artifact};
+    std::vector<std::string> arguments{ArtifactMakerPath(), "--name",           request.name,
+                                       "--device-type",     request.deviceType, "--revision",
+                                       request.revision};
+    const std::vector<std::string> files = m_device.UpdateFileOptions();
+    arguments.insert(arguments.end(), files.begin(), files.end());
+    arguments.insert(arguments.end(), {"--output", artifact});
     if (!request.key.empty()) {
         arguments.push_back("--key");
         arguments.push_back(request.key);

@@ -26,6 +26,10 @@ struct TMenderSetup {
     std::string deviceType = "modemloader-sim";
     std::string artifactName = "modem-firmware-100";  // before the first install
     std::string verifyKey;                            // public key; empty: accept unsigned
+    // The update module the client runs and the shared runner its settings name; empty: this
+    // tree's (an installed package's otherwise).
+    std::string module;
+    std::string runner;
 };
 
 // What an artifact is made of; the update files are the simulated device's.

@@ -2,21 +2,17 @@
 // device: an artifact made with modem-artifact, installed by the real Mender client in standalone
 // mode through the update module, checked and reported. See `modemloader-mender-demo --help`.
 
-#include <stdlib.h>
-
 #include <cstdio>
-#include <cstdlib>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "MenderClient.h"
 #include "SimulatedDevice.h"
+#include "SystemDemo.h"
 
 namespace {
-constexpr int kExitFailed = 1;
-constexpr int kExitUsage = 2;
-
 const char kUsage[] =
     "usage: modemloader-mender-demo [--shell]\n"
     "\n"
@@ -34,33 +30,19 @@ const char kUsage[] =
     "\n"
     "exit status: 0 the install succeeded and every check passed, 1 something failed, 2 usage\n";
 
-int Fail(const std::string& message) {
-    std::fprintf(stderr, "modemloader-mender-demo: %s\n", message.c_str());
-    return kExitFailed;
-}
+constexpr char kProgram[] = "modemloader-mender-demo";
 
-std::string CommandLine(const std::vector<std::string>& arguments) {
-    std::string line;
-    for (const std::string& argument : arguments) {
-        line += (line.empty() ? "" : " ") + argument;
-    }
-    return line;
-}
+int Fail(const std::string& message) { return DemoFailure(kProgram, message); }
 
 int Shell(const CSimulatedDevice& device, const CMenderClient& client) {
-    std::printf(
-        "\nA shell on the simulated device. DEVICE=%s (update/ holds the update files)\n"
-        "CLIENT=%s ($CLIENT/mender is the isolated client). Try the commands of\n"
-        "docs/mender.md; `exit` removes the device.\n\n",
-        device.Directory().c_str(), client.Directory().c_str());
-    std::fflush(stdout);
-    // The shell reads our standard input (a person, or commands piped in), which CChildProcess
-    // would replace with /dev/null; the variables go into our environment, which it inherits.
-    ::setenv("DEVICE", device.Directory().c_str(), 1);
-    ::setenv("CLIENT", client.Directory().c_str(), 1);
-    ::setenv("MODEM_ARTIFACT", CMenderClient::ArtifactMakerPath().c_str(), 1);
-    const int status = std::system("/bin/sh -i");
-    return status == -1 ? Fail("running a shell") : 0;
+    return RunDemoShell(kProgram,
+                        "\nA shell on the simulated device. DEVICE=" + device.Directory() +
+                            " (update/ holds the update files)\nCLIENT=" + client.Directory() +
+                            " ($CLIENT/mender is the isolated client). Try the commands of\n"
+                            "docs/mender.md; `exit` removes the device.\n\n",
+                        {{"DEVICE", device.Directory()},
+                         {"CLIENT", client.Directory()},
+                         {"MODEM_ARTIFACT", CMenderClient::ArtifactMakerPath()}});
 }
 
 int Demo(const CSimulatedDevice& device, const CMenderClient& client) {
@@ -80,51 +62,22 @@ int Demo(const CSimulatedDevice& device, const CMenderClient& client) {
     std::printf("\n=== %s\n%s", CommandLine(client.ClientArguments({"show-artifact"})).c_str(),
                 shown.out.c_str());
 
-    std::string flash;
-    std::string revision;
-    const bool flashed = device.ReadFlash(flash).IsOk() && flash == device.Firmware();
-    // The plug-in writes the revision with its terminating NUL.
-    const bool recorded =
-        device.ReadStorageFile("revision", revision).IsOk() && revision == std::string("124\0", 4);
-    std::printf("\n=== checks\nmodem flash equals the firmware (%zu bytes): %s\n",
-                device.Firmware().size(), flashed ? "yes" : "NO");
-    std::printf("storage revision is 124: %s\n", recorded ? "yes" : "NO");
+    const bool flashedAndRecorded = ReportFlashAndRevision(device);
     std::printf("client names modem-firmware-124: %s\n",
                 shown.out == "modem-firmware-124\n" ? "yes" : "NO");
     const bool passed =
-        installed.exitCode == 0 && flashed && recorded && shown.out == "modem-firmware-124\n";
+        installed.exitCode == 0 && flashedAndRecorded && shown.out == "modem-firmware-124\n";
     return passed ? 0 : Fail("the install or a check failed");
 }
 }  // namespace
 
 int main(int argc, char** argv) {
     bool shell = false;
-    for (int index = 1; index < argc; ++index) {
-        const std::string option = argv[index];
-        if (option == "--help" || option == "-h") {
-            std::fputs(kUsage, stdout);
-            return 0;
-        }
-        if (option != "--shell") {
-            std::fprintf(stderr, "modemloader-mender-demo: unknown option %s\n%s", option.c_str(),
-                         kUsage);
-            return kExitUsage;
-        }
-        shell = true;
+    if (const std::optional<int> status = ParseDemoOptions(argc, argv, kProgram, kUsage, shell)) {
+        return *status;
     }
-    for (const std::string& missing :
-         {CSimulatedDevice::MissingPrerequisite(), CMenderClient::MissingPrerequisite()}) {
-        if (!missing.empty()) {
-            return Fail(missing);
-        }
-    }
-    // The device's own configuration offers the revision it has: only the artifact's revision
-    // makes the host flash.
-    TDeviceSettings settings;
-    settings.storedRevision = "100";
-    settings.revision = "100";
     std::unique_ptr<CSimulatedDevice> device;
-    if (CStatus made = CSimulatedDevice::Create(settings, device); !made) {
+    if (CStatus made = MakeDemoDevice(CMenderClient::MissingPrerequisite(), device); !made) {
         return Fail(made.Message());
     }
     std::unique_ptr<CMenderClient> client;

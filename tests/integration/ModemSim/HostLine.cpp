@@ -50,6 +50,25 @@ bool CHostLine::Write(const std::vector<uint8_t>& bytes, std::chrono::millisecon
     return true;
 }
 
+bool CHostLine::AwaitHangUp(std::chrono::milliseconds timeout) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    for (;;) {
+        pollfd descriptor{m_line.Get(), POLLIN, 0};
+        if (::poll(&descriptor, 1, Remaining(deadline)) <= 0) {
+            return false;
+        }
+        // Bytes the modem sent before it went are taken, and the wait goes on.
+        uint8_t buffer[256];
+        const ssize_t result = ::read(m_line.Get(), buffer, sizeof buffer);
+        if (result == 0 || (result < 0 && errno == EIO)) {
+            return (descriptor.revents & POLLHUP) != 0;
+        }
+        if (result < 0 && errno != EAGAIN && errno != EINTR) {
+            return false;
+        }
+    }
+}
+
 std::vector<uint8_t> CHostLine::Read(size_t count, std::chrono::milliseconds timeout) {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
     std::vector<uint8_t> bytes;

@@ -20,6 +20,10 @@ public:
     // Up to `count` bytes, waiting at most `timeout` for them all; fewer on a time-out.
     std::vector<uint8_t> Read(size_t count, std::chrono::milliseconds timeout);
 
+    // Waits up to `timeout` for the other end to hang up: then the line polls with POLLHUP and
+    // a read finds the end of the file (or EIO), as a serial port whose adapter was pulled.
+    [[nodiscard]] bool AwaitHangUp(std::chrono::milliseconds timeout);
+
 private:
     CUniqueFd m_line;
 };

@@ -209,6 +209,7 @@ TEST_F(ModemSimProcessTest, WholeUpdateLeavesTheFirmwareInTheFlashAndTheSummary)
           "09 00 00 00 90 60 ea 00 00", "03", "04 00 00 00 90 60 ea 00 00", "01"}},
         {"bytes_flashed", 60000},
         {"write_complete", true},
+        {"line_hung_up", false},
         {"flash_sha256", digest.HexDigest()},
     };
     EXPECT_EQ(summary, expected) << summary.dump(2);
@@ -219,6 +220,33 @@ TEST_F(ModemSimProcessTest, WholeUpdateLeavesTheFirmwareInTheFlashAndTheSummary)
     EXPECT_NE(trace.find(" host>modem 07 00 c2 01 00\n"), std::string::npos);
     EXPECT_NE(trace.find(" modem>host 03\n"), std::string::npos);
     EXPECT_NE(trace.find(" stop\n"), std::string::npos);
+}
+
+// The adapter pulled mid-write: once 30000 firmware bytes arrived the emulator closes its
+// pseudo-terminal; the host's end then hangs up, and the flash holds exactly those bytes.
+TEST_F(ModemSimProcessTest, HangUpFaultClosesTheLineAfterThatManyFirmwareBytes) {
+    StartModem({"--fault", "hang-up-after=30000"});
+    const TBytes firmware = Pattern(60000, 11);
+    const uint32_t size = static_cast<uint32_t>(firmware.size());
+    SetPin('0');
+    ASSERT_TRUE(AwaitReady('1'));
+    EXPECT_EQ(Exchange({wire::kSync}, 1), TBytes{wire::kSync});
+    EXPECT_EQ(Exchange(m_loader, 1), TBytes{'0'});
+    EXPECT_EQ(Exchange(wire::WriteRangeCommand(size), 1), TBytes{wire::kSetRange});
+    EXPECT_EQ(Exchange(wire::WriteCommand(), 1), TBytes{wire::kWrite});
+    EXPECT_EQ(Exchange(TBytes(firmware.begin(), firmware.begin() + 25600), 1), TBytes{'.'});
+    // The rest may or may not fit the line's buffers before it goes: only the hang-up counts.
+    static_cast<void>(m_line.Write(TBytes(firmware.begin() + 25600, firmware.end()), 2s));
+    EXPECT_TRUE(m_line.AwaitHangUp(5s));
+
+    const nlohmann::json summary = Stop();
+    EXPECT_EQ(summary["line_hung_up"], true);
+    EXPECT_EQ(summary["bytes_flashed"], 30000);
+    EXPECT_EQ(summary["write_complete"], false);
+    const std::string flashed = ReadTestFile(Path("flash.bin"));
+    EXPECT_EQ(TBytes(flashed.begin(), flashed.end()),
+              TBytes(firmware.begin(), firmware.begin() + 30000));
+    EXPECT_NE(ReadTestFile(Path("trace.txt")).find(" line hung up\n"), std::string::npos);
 }
 
 TEST_F(ModemSimProcessTest, LoaderStatusFaultIsTheOnlyAnswerToTheDownload) {

@@ -459,6 +459,8 @@ TEST_F(HostProgramTest, AStorageThatCannotBeMountedFailsThePrepare) {
                   "in 202",
                   "umount " + Path("mnt") + " failed",
                   "log Error HandleControllerPrepare: Couldn't umount " + Path("mnt"),
+                  "log Error Mount: mounting " + Path("absent-device") + " on " + Path("mnt") +
+                      ": examining the device: No such file or directory",
                   "mount " + Path("absent-device") + " on " + Path("mnt") + " format 2 failed",
                   "log Error HandleControllerPrepare: Couldn't mount " + Path("absent-device"),
                   "out 203 outcome 0",
@@ -470,6 +472,8 @@ TEST_F(HostProgramTest, AStorageThatCannotBeMountedFailsThePrepare) {
         result.err,
         std::regex(
             R"(\d\d:\d\d:\d\d\.\d\d\d Error HandleControllerPrepare: Couldn't umount .*/mnt\n)"
+            R"(\d\d:\d\d:\d\d\.\d\d\d Error Mount: mounting .*/absent-device on .*/mnt: )"
+            R"(examining the device: No such file or directory\n)"
             R"(\d\d:\d\d:\d\d\.\d\d\d Error HandleControllerPrepare: Couldn't mount .*/absent-device\n)")))
         << result.err;
 }
@@ -536,8 +540,10 @@ TEST_P(HostProgramLogTargetTest, StderrHasTheRecordsExactlyWhenTheTargetSaysSo) 
         EXPECT_TRUE(std::regex_match(
             result.err,
             std::regex(
-                R"(\d\d:\d\d:\d\d\.\d\d\d Error HandleControllerPrepare: Couldn't umount .*\n)"
-                R"(\d\d:\d\d:\d\d\.\d\d\d Error HandleControllerPrepare: Couldn't mount .*\n)")))
+                R"(\d\d:\d\d:\d\d\.\d\d\d Error HandleControllerPrepare: Couldn't umount .*/mnt\n)"
+                R"(\d\d:\d\d:\d\d\.\d\d\d Error Mount: mounting .*/absent-device on .*/mnt: )"
+                R"(examining the device: No such file or directory\n)"
+                R"(\d\d:\d\d:\d\d\.\d\d\d Error HandleControllerPrepare: Couldn't mount .*/absent-device\n)")))
             << result.err;
     } else {
         EXPECT_EQ(result.err, "");
@@ -615,7 +621,7 @@ TEST_F(HostProgramTest, TraceLinesCarryTheirFieldsInOrder) {
     const TChildResult result = RunUpdate(config);
     ASSERT_EQ(result.exitCode, 1) << Describe(result);
     const std::vector<json> trace = Trace();
-    ASSERT_EQ(trace.size(), 8u);
+    ASSERT_EQ(trace.size(), 9u);
     double previous = 0;
     for (const json& line : trace) {
         ASSERT_TRUE(line.at("t").is_number_float()) << line.dump();
@@ -630,10 +636,10 @@ TEST_F(HostProgramTest, TraceLinesCarryTheirFieldsInOrder) {
     EXPECT_EQ(Untimed(trace[2]),
               json::parse(R"({"kind":"event","dir":"in","type":3,"id":202,"size":11,)"
                           R"("name":"modemloader"})"));
-    EXPECT_EQ(Untimed(trace[7]),
+    EXPECT_EQ(Untimed(trace[8]),
               json::parse(R"({"kind":"event","dir":"out","type":3,"id":203,"size":68,)"
                           R"("name":"modemloader","outcome":0})"));
-    json log = Untimed(trace[6]);
+    json log = Untimed(trace[7]);
     EXPECT_GT(log.at("line").get<int>(), 0);
     log.erase("line");
     EXPECT_EQ(log, json({{"kind", "log"},

@@ -250,6 +250,27 @@ TEST_F(BootProtocolTest, SecondWriteReplacesWhatTheFirstProgrammed) {
     EXPECT_EQ(modem->Statistics().bytesFlashed, 2u);
 }
 
+TEST_F(BootProtocolTest, HangUpComesWithTheNthFirmwareByteAndTheModemHearsNothingAfter) {
+    TModemFaults faults;
+    ASSERT_TRUE(AddFault(faults, "hang-up-after=3").IsOk());
+    auto modem = Make(faults);
+    ToCommands(*modem);
+    EXPECT_EQ(Send(*modem, wire::WriteRangeCommand(5)), "04");
+    EXPECT_EQ(Send(*modem, kWrite), "01");
+    EXPECT_EQ(Send(*modem, {1, 2}), "");
+    EXPECT_FALSE(modem->LineHungUp());
+    EXPECT_EQ(Send(*modem, {3}), "");
+    EXPECT_TRUE(modem->LineHungUp());
+    // Neither the rest of the data nor a later command is heard; no status is ever due.
+    EXPECT_EQ(Send(*modem, {4, 5}), "");
+    EXPECT_EQ(Send(*modem, wire::WriteRangeCommand(2)), "");
+    EXPECT_EQ(Wait(*modem, 5s), "");
+    EXPECT_EQ(m_flash.Contents(), (TBytes{1, 2, 3}));
+    EXPECT_EQ(modem->Statistics().bytesFlashed, 3u);
+    EXPECT_FALSE(modem->Statistics().writeComplete);
+    EXPECT_TRUE(modem->Statistics().lineHungUp);
+}
+
 // A host gone wrong sends anything at any time, across power cycles and timers: whatever the
 // fault set, the modem answers only with protocol bytes and never programs beyond the range.
 TEST_F(BootProtocolTest, RandomTrafficOnlyEverGetsProtocolBytesBack) {
@@ -437,7 +458,13 @@ INSTANTIATE_TEST_SUITE_P(
                    {"drop-bytes=10"},
                    std::string(kUpToErase) + " 04 01 2e 2e",
                    "data",
-                   63990}),
+                   63990},
+        // The line goes inside the second chunk: its "." never comes, nor anything after.
+        TFaultCase{"hang_up_after",
+                   {"hang-up-after=30000"},
+                   std::string(kUpToErase) + " 04 01 2e",
+                   "data",
+                   30000}),
     [](const ::testing::TestParamInfo<TFaultCase>& testCase) {
         return std::string(testCase.param.name);
     });

@@ -175,6 +175,7 @@ TEST_F(FileDevicesTest, SummaryIsWrittenAsJson) {
                               {"commands", {"07 00 c2 01 00", "unknown ff"}},
                               {"bytes_flashed", 7},
                               {"write_complete", false},
+                              {"line_hung_up", false},
                               {"flash_sha256", "00ff"}}));
 }
 

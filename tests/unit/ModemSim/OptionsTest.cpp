@@ -109,6 +109,8 @@ INSTANTIATE_TEST_SUITE_P(
                       "fault \"loader-status=0\": needs 1, 2 or 3"},
         TBadArguments{"write_status_lowercase_x", With({"--fault", "write-status=x"}),
                       "fault \"write-status=x\": needs 1, 2, 3 or X"},
+        TBadArguments{"hang_up_after_zero", With({"--fault", "hang-up-after=0"}),
+                      "fault \"hang-up-after=0\": needs a firmware byte count of 1 or more"},
         TBadArguments{"nak_not_hex", With({"--fault", "nak=zz"}),
                       "fault \"nak=zz\": needs a command byte in hex, such as 07"},
         TBadArguments{"nak_too_wide", With({"--fault", "nak=107"}),

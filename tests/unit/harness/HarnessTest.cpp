@@ -8,6 +8,7 @@
 #include <filesystem>
 
 #include "Await.h"
+#include "ChildProcess.h"
 #include "Prerequisite.h"
 #include "StorageImage.h"
 #include "TemporaryDirectory.h"
@@ -116,6 +117,38 @@ TEST_F(StorageImageTest, AFileThatIsNotOnTheImageCannotBeRead) {
     const CStatus folder = storage.MakeFolderOnImage("update");
     ASSERT_TRUE(folder) << folder.Message();
     EXPECT_EQ(storage.ListImageFolder(""), (std::vector<std::string>{"lost+found", "update"}));
+}
+
+TEST_F(StorageImageTest, AFileIsRemovedFromTheImage) {
+    CTemporaryDirectory folder;
+    ASSERT_TRUE(folder.Made());
+    ASSERT_EQ(::mkdir(folder.Join("content").c_str(), 0755), 0);
+    ASSERT_TRUE(folder.WriteFile("content/filler", std::string(100000, 'f')));
+    CStorageImage storage(folder.Path());
+    ASSERT_TRUE(storage.Make(8 << 20, folder.Join("content")));
+
+    const CStatus removed = storage.RemoveFromImage("filler");
+    ASSERT_TRUE(removed) << removed.Message();
+    EXPECT_EQ(storage.ListImageFolder(""), (std::vector<std::string>{"lost+found"}));
+}
+
+// The ext4 "read-only" feature, set and cleared: dumpe2fs lists it among the features.
+TEST_F(StorageImageTest, TheReadOnlyFeatureIsSetAndClearedAgain) {
+    CStorageImage storage(4u << 20);
+    ASSERT_TRUE(storage.Made()) << storage.Made().Message();
+    const auto features = [&] {
+        const TChildResult dump = CChildProcess::Run({"dumpe2fs", "-h", storage.Image()});
+        const std::size_t line = dump.out.find("Filesystem features:");
+        return line == std::string::npos ? std::string()
+                                         : dump.out.substr(line, dump.out.find('\n', line) - line);
+    };
+    ASSERT_FALSE(features().empty());
+    EXPECT_EQ(features().find(" read-only"), std::string::npos) << features();
+    ASSERT_TRUE(storage.MakeReadOnlyFileSystem());
+    EXPECT_NE(features().find(" read-only"), std::string::npos) << features();
+    const CStatus writable = storage.MakeWritableFileSystem();
+    ASSERT_TRUE(writable) << writable.Message();
+    EXPECT_EQ(features().find(" read-only"), std::string::npos) << features();
 }
 
 }  // namespace

@@ -9,15 +9,16 @@
 
 #include <fstream>
 #include <memory>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "ChildProcess.h"
+#include "Descriptors.h"
 #include "InstalledBackend.h"
 #include "LinuxCmdHandler.h"
 #include "LogCapture.h"
-#include "OpenDescriptors.h"
 #include "Prerequisite.h"
 #include "TemporaryDirectory.h"
 #include "TestFiles.h"
@@ -86,7 +87,7 @@ TEST(LinuxCmdHandlerTest, AShellThatCannotStartFailsWithARecordNamingTheLineAndT
     CTemporaryDirectory folder;
     ASSERT_TRUE(folder.Made()) << folder.Made().Message();
     const std::string report = folder.Join("records");
-    const TDescriptors before = OpenDescriptors();
+    const std::set<int> before = OpenDescriptors();
     CChildProcess copy;
     ASSERT_TRUE(copy.StartCopy([&] {
         if (::unshare(CLONE_NEWNS) != 0 ||

@@ -5,11 +5,12 @@
 
 #include <atomic>
 #include <future>
+#include <set>
 #include <stdexcept>
 
 #include "DescriptorLimit.h"
+#include "Descriptors.h"
 #include "LinuxEventBroker.h"
-#include "OpenDescriptors.h"
 #include "RecordingObserver.h"
 
 namespace {
@@ -309,7 +310,7 @@ TEST_P(LinuxEventBrokerStartFailureTest, SaysWhichCallFailedLeavesNothingOpenAnd
     CRecordingObserver observer;
     ASSERT_TRUE(broker.Subscribe(Filter(200), observer));
     ASSERT_TRUE(broker.Publish(UserEvent(200, "queued")));
-    const TDescriptors before = OpenDescriptors();
+    const std::set<int> before = OpenDescriptors();
     CStatus status = CStatus::Ok();
     {
         CDescriptorLimit limit(GetParam().spareDescriptors);

@@ -13,12 +13,13 @@
 #include <cerrno>
 #include <chrono>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
+#include "Descriptors.h"
 #include "LinuxSerialPort.h"
 #include "LogCapture.h"
-#include "OpenDescriptors.h"
 #include "Prerequisite.h"
 #include "PseudoTerminalTest.h"
 #include "SerialLineFaults.h"
@@ -34,7 +35,7 @@ protected:
     void OpenPort(std::chrono::milliseconds readTimeout = 2s) {
         const CStatus status = CLinuxSerialPort::Open(m_device, 115200, readTimeout, m_port);
         ASSERT_TRUE(status.IsOk()) << status.Message();
-        m_portDescriptor = DescriptorOpenOn(m_device);
+        m_portDescriptor = TerminalDescriptor();
         ASSERT_GE(m_portDescriptor, 0);
     }
 
@@ -243,7 +244,7 @@ TEST_F(LinuxSerialPortFaultsTest, AFailingWaitForRoomIsReportedAsTheWrite) {
 }
 
 TEST_F(LinuxSerialPortFaultsTest, ATerminalThatRefusesItsSettingsIsNotOpenedAndLeavesNothingOpen) {
-    const TDescriptors before = OpenDescriptors();
+    const std::set<int> before = OpenDescriptors();
     std::unique_ptr<CLinuxSerialPort> port;
     CStatus status = CStatus::Ok();
     {

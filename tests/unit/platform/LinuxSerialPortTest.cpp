@@ -10,15 +10,16 @@
 
 #include <cerrno>
 #include <chrono>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "Descriptors.h"
 #include "InstalledBackend.h"
 #include "LinuxSerialPort.h"
 #include "LinuxSerialPortFactory.h"
 #include "LogCapture.h"
-#include "OpenDescriptors.h"
 #include "Prerequisite.h"
 #include "PseudoTerminalTest.h"
 #include "UniqueFd.h"
@@ -217,18 +218,18 @@ TEST_F(LinuxSerialPortTest, AHangUpWhileAWriteBlocksEndsTheWriteWithTheLinesErro
 }
 
 TEST_F(LinuxSerialPortTest, AFailureLeavesAPortThatCanBeDestroyedWithoutLeakingItsDescriptor) {
-    const TDescriptors before = OpenDescriptors();
+    const std::set<int> before = OpenDescriptors();
     {
         auto port = OpenPort();
         ASSERT_TRUE(port);
-        EXPECT_EQ(DescriptorOpenOn(m_device) >= 0, true);
+        EXPECT_GE(TerminalDescriptor(), 0);
         m_master.Reset();
         CLogCapture capture;
         unsigned char buffer[8];
         uint32_t got = 0;
         EXPECT_EQ(port->Read(buffer, sizeof buffer, got), EIO);
     }
-    TDescriptors expected = before;
+    std::set<int> expected = before;
     expected.erase(m_masterDescriptor);
     EXPECT_EQ(OpenDescriptors(), expected);
 }
@@ -268,7 +269,7 @@ INSTANTIATE_TEST_SUITE_P(
 class LinuxSerialPortRefusedSpeedTest : public ::testing::TestWithParam<uint32_t> {};
 
 TEST_P(LinuxSerialPortRefusedSpeedTest, ASpeedBetweenOrBeyondTheTermiosOnesIsRefusedUnopened) {
-    const TDescriptors before = OpenDescriptors();
+    const std::set<int> before = OpenDescriptors();
     std::unique_ptr<CLinuxSerialPort> port;
     const CStatus status = CLinuxSerialPort::Open("/dev/null", GetParam(), 10ms, port);
     EXPECT_EQ(status.Message(),

@@ -12,6 +12,7 @@
 #include <chrono>
 #include <string>
 
+#include "Descriptors.h"
 #include "Prerequisite.h"
 #include "UniqueFd.h"
 
@@ -49,6 +50,16 @@ protected:
     void WriteFromModem(const std::string& bytes) {
         ASSERT_EQ(::write(m_master.Get(), bytes.data(), bytes.size()),
                   static_cast<ssize_t>(bytes.size()));
+    }
+
+    // The descriptor this process has open on the terminal side (the port's), or -1.
+    int TerminalDescriptor() const {
+        for (const int descriptor : OpenDescriptors()) {
+            if (DescriptorPath(descriptor) == m_device) {
+                return descriptor;
+            }
+        }
+        return -1;
     }
 
     CUniqueFd m_master;           // the modem's side; Reset() hangs the line up
