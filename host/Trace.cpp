@@ -23,7 +23,17 @@ CStatus CTrace::Open(const std::string& path) {
         std::fclose(m_file);
     }
     m_file = file;
+    m_path = path;
+    m_writeError = 0;
     return CStatus::Ok();
+}
+
+CStatus CTrace::WriteStatus() const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_writeError == 0) {
+        return CStatus::Ok();
+    }
+    return CStatus::Failure("trace " + m_path + ": writing: " + std::strerror(m_writeError));
 }
 
 void CTrace::Event(TDirection direction, const TEvent& event) {
@@ -109,7 +119,10 @@ void CTrace::Write(const std::string& kind, nlohmann::ordered_json fields) {
         line.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
     std::lock_guard<std::mutex> lock(m_mutex);
     if (m_file != nullptr) {
-        std::fprintf(m_file, "%s\n", text.c_str());
-        std::fflush(m_file);
+        const bool written =
+            std::fprintf(m_file, "%s\n", text.c_str()) >= 0 && std::fflush(m_file) == 0;
+        if (!written && m_writeError == 0) {
+            m_writeError = errno != 0 ? errno : EIO;
+        }
     }
 }

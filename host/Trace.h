@@ -11,7 +11,9 @@
 //   {"t":..,"kind":"mount","device":"/dev/loop3","mountpoint":"/mnt/x","format":2,"status":0}
 //   {"t":..,"kind":"umount","mountpoint":"/mnt/x","status":0}
 // Written from any thread (event thread, modem-power worker); each line is flushed whole. A
-// trace that was never opened writes nothing.
+// trace that was never opened writes nothing. A line that cannot be written (a full file system)
+// does not stop the update: the first such failure is kept for WriteStatus, and later lines are
+// still attempted.
 
 #include <chrono>
 #include <cstdio>
@@ -36,6 +38,8 @@ public:
     // Creates or truncates `path`.
     [[nodiscard]] CStatus Open(const std::string& path);
     bool IsOpen() const { return m_file != nullptr; }
+    // Ok while every line went out whole; else why the first one did not.
+    CStatus WriteStatus() const;
 
     void Event(TDirection direction, const TEvent& event);
     void Log(const logging::TLogRecord& record);
@@ -47,6 +51,8 @@ private:
     void Write(const std::string& kind, nlohmann::ordered_json fields);
 
     std::chrono::steady_clock::time_point m_start;
-    std::mutex m_mutex;
+    mutable std::mutex m_mutex;
     FILE* m_file = nullptr;
+    std::string m_path;
+    int m_writeError = 0;  // errno of the first line that could not be written
 };

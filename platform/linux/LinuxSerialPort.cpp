@@ -9,6 +9,9 @@
 #include <cerrno>
 #include <cstring>
 #include <limits>
+#include <utility>
+
+#include "PlatformLog.h"
 
 namespace {
 std::string SystemError(const std::string& what) { return what + ": " + std::strerror(errno); }
@@ -105,24 +108,41 @@ CStatus CLinuxSerialPort::Open(const std::string& device, uint32_t speed,
     if (flags < 0 || ::fcntl(descriptor.Get(), F_SETFL, flags & ~O_NONBLOCK) != 0) {
         return CStatus::Failure(SystemError(context + ": fcntl"));
     }
-    port.reset(new CLinuxSerialPort(std::move(descriptor), readTimeout));
+    port.reset(new CLinuxSerialPort(device, std::move(descriptor), readTimeout));
     return CStatus::Ok();
 }
 
-CLinuxSerialPort::CLinuxSerialPort(CUniqueFd descriptor, std::chrono::milliseconds readTimeout)
-    : m_descriptor(std::move(descriptor)), m_readTimeout(readTimeout) {}
+CLinuxSerialPort::CLinuxSerialPort(std::string device, CUniqueFd descriptor,
+                                   std::chrono::milliseconds readTimeout)
+    : m_device(std::move(device)),
+      m_descriptor(std::move(descriptor)),
+      m_readTimeout(readTimeout) {}
 
 int CLinuxSerialPort::Write(const unsigned char* data, uint32_t length, uint32_t& written) {
     written = 0;
     while (written < length) {
         const ssize_t result = ::write(m_descriptor.Get(), data + written, length - written);
-        if (result < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            return errno != 0 ? errno : -1;
+        if (result > 0) {
+            // A short write (the driver took part of it) goes on with the rest.
+            written += static_cast<uint32_t>(result);
+            continue;
         }
-        written += static_cast<uint32_t>(result);
+        if (result < 0 && errno == EINTR) {
+            continue;
+        }
+        if (result < 0 && errno == EAGAIN) {
+            // The driver's buffer is full: wait until it can take more, then go on.
+            pollfd descriptor{m_descriptor.Get(), POLLOUT, 0};
+            if (::poll(&descriptor, 1, -1) < 0 && errno != EINTR) {
+                return Failure("Write", "waiting to write");
+            }
+            continue;
+        }
+        if (result == 0) {
+            // A write that took nothing without an error would repeat for ever: the line is gone.
+            errno = EIO;
+        }
+        return Failure("Write", "write");
     }
     return 0;
 }
@@ -141,26 +161,37 @@ int CLinuxSerialPort::Read(unsigned char* buffer, uint32_t length, uint32_t& got
         ready = ::poll(&descriptor, 1, timeoutMs);
     } while (ready < 0 && errno == EINTR);
     if (ready < 0) {
-        return errno != 0 ? errno : -1;
+        return Failure("Read", "poll");
     }
     if (ready == 0) {
         return 0;  // nothing within the read time-out
     }
     if ((descriptor.revents & POLLIN) == 0) {
         // Hang-up or error without data: the line is gone.
-        return (descriptor.revents & POLLHUP) != 0 ? EIO : -1;
+        errno = EIO;
+        return Failure("Read", (descriptor.revents & POLLHUP) != 0 ? "poll: the other end hung up"
+                                                                   : "poll: line error");
     }
     ssize_t result = 0;
     do {
         result = ::read(m_descriptor.Get(), buffer, length);
     } while (result < 0 && errno == EINTR);
     if (result < 0) {
-        return errno == EAGAIN ? 0 : (errno != 0 ? errno : -1);
+        return errno == EAGAIN ? 0 : Failure("Read", "read");
     }
     if (result == 0) {
         // Readable yet nothing to read: the other end of the line has gone (end of file).
-        return EIO;
+        errno = EIO;
+        return Failure("Read", "read: the other end hung up");
     }
     got = static_cast<uint32_t>(result);
     return 0;
+}
+
+int CLinuxSerialPort::Failure(const char* call, const char* what) const {
+    const int error = errno != 0 ? errno : EIO;
+    errno = error;
+    PLATFORM_LOG_FAILURE(call,
+                         CStatus::Failure(SystemError("serial port " + m_device + ": " + what)));
+    return error;
 }

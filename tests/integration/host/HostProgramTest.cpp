@@ -231,6 +231,18 @@ INSTANTIATE_TEST_SUITE_P(
                       TUsageCase{"EndlessTimeout",
                                  {"update", "--config", "x.ini", "--timeout", "1e300"},
                                  "--timeout: '1e300' is too long (at most 1e9 seconds)"},
+                      TUsageCase{"TickTooLarge",
+                                 {"update", "--config", "x.ini", "--tick-ms", "4294967296"},
+                                 "--tick-ms: '4294967296' is too large"},
+                      TUsageCase{"AbortDelayNotANumber",
+                                 {"update", "--config", "x.ini", "--abort-after-ms", "soon"},
+                                 "--abort-after-ms: 'soon' is not a whole number"},
+                      TUsageCase{"TimeoutWithAUnit",
+                                 {"update", "--config", "x.ini", "--timeout", "5s"},
+                                 "--timeout: '5s' is not a number of seconds"},
+                      TUsageCase{"AStrayWord",
+                                 {"update", "--config", "x.ini", "now"},
+                                 "unknown option 'now' for update"},
                       TUsageCase{"InfoWithoutPlugin", {"info"}, "info needs --plugin PATH"},
                       TUsageCase{"UpdateOptionForInfo",
                                  {"info", "--plugin", "x.so", "--quiet"},
@@ -266,6 +278,13 @@ INSTANTIATE_TEST_SUITE_P(
         TConfigCase{"TickNotANumber", "tick_ms = fast\n",
                     ": [host]: tick_ms = 'fast' is not a whole number"},
         TConfigCase{"ZeroTick", "tick_ms = 0\n", ": [host]: tick_ms must be at least 1"},
+        TConfigCase{"TickTooLarge", "tick_ms = 99999999999\n",
+                    ": [host]: tick_ms = '99999999999' is too large"},
+        TConfigCase{"ReadTimeoutNotANumber", "serial_read_timeout_ms = soon\n",
+                    ": [host]: serial_read_timeout_ms = 'soon' is not a whole number"},
+        TConfigCase{"FormatTooLarge", "fs.4294967295 = ext4\n",
+                    ": [host]: fs.4294967295: format number too large"},
+        TConfigCase{"FormatWithoutType", "fs.2 =\n", ": [host]: fs.2 names no file-system type"},
         TConfigCase{"UnknownLogTarget", "log = loud\n",
                     ": [host]: log = 'loud' is not one of stderr, syslog, both, none"},
         TConfigCase{"FormatNotANumber", "fs.movinand = ext4\n",
@@ -325,6 +344,32 @@ TEST_F(HostProgramTest, AFeatureOfAnotherTypeIsRefused) {
     EXPECT_EQ(result.exitCode, 2) << Describe(result);
     EXPECT_EQ(result.err, std::string("modemloader-host: plug-in ") + OTHER_TYPE_PLUGIN +
                               ": a feature of type 'navigation', not 'modemloader'\n");
+}
+
+TEST_F(HostProgramTest, AFeatureWithoutItsCreateEntryPointIsRefusedBeforeAnythingRuns) {
+    const std::string config = WriteConfig();
+    const TChildResult result = RunHost({"update", "--config", config, "--plugin", NO_CREATE_PLUGIN,
+                                         "--trace", Path("trace.jsonl")});
+    EXPECT_EQ(result.exitCode, 2) << Describe(result);
+    EXPECT_EQ(result.err, std::string("modemloader-host: plug-in ") + NO_CREATE_PLUGIN +
+                              ": not a feature plug-in (no FeatureCreate2)\n");
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(ReadTestFile(Path("trace.jsonl")), "") << "no event before the refusal";
+    const TChildResult info = RunHost({"info", "--plugin", NO_CREATE_PLUGIN});
+    EXPECT_EQ(info.exitCode, 2) << Describe(info);
+    EXPECT_EQ(info.err, result.err);
+    EXPECT_EQ(info.out, "");
+}
+
+TEST_F(HostProgramTest, AFeatureWhoseCreateMakesNoModuleIsNamed) {
+    const std::string config = WriteConfig();
+    const TChildResult result = RunHost({"update", "--config", config, "--plugin", NO_MODULE_PLUGIN,
+                                         "--trace", Path("trace.jsonl")});
+    EXPECT_EQ(result.exitCode, 2) << Describe(result);
+    EXPECT_EQ(result.err, std::string("modemloader-host: plug-in ") + NO_MODULE_PLUGIN +
+                              ": FeatureCreate2 made no module\n");
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(ReadTestFile(Path("trace.jsonl")), "") << "no event before the refusal";
 }
 
 // The host runs as root and hands configured values to the shell: a configuration or plug-in
@@ -459,6 +504,87 @@ TEST_F(HostProgramTest, ATraceThatCannotBeWrittenIsNamed) {
     EXPECT_EQ(result.exitCode, 2) << Describe(result);
     EXPECT_EQ(result.err, "modemloader-host: trace " + Path("absent-folder/trace.jsonl") +
                               ": No such file or directory\n");
+}
+
+TEST_F(HostProgramTest, ATraceThatCannotBeWrittenToTheEndIsReportedAndTheUpdateStillEnds) {
+    const std::string config = WriteConfig({}, "tick_ms = 10\nfs.2 = ext4\nlog = none\n");
+    const TChildResult result = RunHost({"update", "--config", config, "--plugin",
+                                         MODEMLOADER_PLUGIN, "--trace", "/dev/full", "--quiet"});
+    // The update ends as it would with a trace (the storage is absent here: Prepare fails).
+    EXPECT_EQ(result.exitCode, 1) << Describe(result);
+    EXPECT_EQ(result.err,
+              "modemloader-host: trace /dev/full: writing: No space left on device; the trace is "
+              "incomplete\n");
+    EXPECT_EQ(result.out, "");
+}
+
+// Where the records for people go: stderr, syslog, both or nowhere. Syslog is not read back
+// here (no syslog daemon runs); what matters is that stderr has the lines exactly when asked.
+struct TLogTargetCase {
+    const char* name;
+    const char* target;
+    bool onStderr;
+};
+
+void PrintTo(const TLogTargetCase& testCase, std::ostream* stream) { *stream << testCase.name; }
+
+class HostProgramLogTargetTest : public HostProgramTest,
+                                 public ::testing::WithParamInterface<TLogTargetCase> {};
+
+TEST_P(HostProgramLogTargetTest, StderrHasTheRecordsExactlyWhenTheTargetSaysSo) {
+    const std::string config = WriteConfig(
+        {}, std::string("tick_ms = 10\nfs.2 = ext4\nlog = ") + GetParam().target + "\n");
+    const TChildResult result = RunUpdate(config, {"--quiet"});
+    EXPECT_EQ(result.exitCode, 1) << Describe(result);
+    if (GetParam().onStderr) {
+        EXPECT_TRUE(std::regex_match(
+            result.err,
+            std::regex(
+                R"(\d\d:\d\d:\d\d\.\d\d\d Error HandleControllerPrepare: Couldn't umount .*/mnt\n)"
+                R"(\d\d:\d\d:\d\d\.\d\d\d Error Mount: mounting .*/absent-device on .*/mnt: )"
+                R"(examining the device: No such file or directory\n)"
+                R"(\d\d:\d\d:\d\d\.\d\d\d Error HandleControllerPrepare: Couldn't mount .*/absent-device\n)")))
+            << result.err;
+    } else {
+        EXPECT_EQ(result.err, "");
+    }
+    EXPECT_EQ(Summaries(Trace()).back(), "out 203 outcome 0");
+}
+
+INSTANTIATE_TEST_SUITE_P(Targets, HostProgramLogTargetTest,
+                         ::testing::Values(TLogTargetCase{"Stderr", "stderr", true},
+                                           TLogTargetCase{"Syslog", "syslog", false},
+                                           TLogTargetCase{"Both", "both", true}),
+                         [](const auto& parameter) { return std::string(parameter.param.name); });
+
+TEST_F(HostProgramTest, AnAbsoluteConfiguredPluginIsTakenAsItIs) {
+    const std::string config = WriteConfig({}, std::string("plugin = ") + OTHER_TYPE_PLUGIN + "\n");
+    const TChildResult result = RunHost({"update", "--config", config});
+    EXPECT_EQ(result.exitCode, 2) << Describe(result);
+    EXPECT_EQ(result.err, std::string("modemloader-host: plug-in ") + OTHER_TYPE_PLUGIN +
+                              ": a feature of type 'navigation', not 'modemloader'\n");
+}
+
+TEST_F(HostProgramTest, APluginNamedWithoutAFolderIsTakenFromTheWorkingDirectory) {
+    // Not from the library search path: a bare name is a file here, as on any command line.
+    const std::string plugin = OTHER_TYPE_PLUGIN;
+    const std::string folder = plugin.substr(0, plugin.find_last_of('/'));
+    const std::string file = plugin.substr(plugin.find_last_of('/') + 1);
+    TChildOptions options;
+    options.workingDirectory = folder;
+    const TChildResult result = RunHost({"info", "--plugin", file}, options);
+    EXPECT_EQ(result.exitCode, 0) << Describe(result);
+    EXPECT_EQ(result.out.substr(0, result.out.find('\n')), "plugin: " + file);
+    EXPECT_NE(result.out.find("feature type: navigation\n"), std::string::npos) << result.out;
+}
+
+TEST_F(HostProgramTest, TheHelpCommandPrintsTheUsageAsTheOptionDoes) {
+    const TChildResult command = RunHost({"help"});
+    const TChildResult option = RunHost({"--help"});
+    EXPECT_EQ(command.exitCode, 0) << Describe(command);
+    EXPECT_EQ(command.err, "");
+    EXPECT_FALSE(command.out.empty());
+    EXPECT_EQ(command.out, option.out);
 }
 
 TEST_F(HostProgramTest, TheFeatureNameChoosesThePropertySection) {

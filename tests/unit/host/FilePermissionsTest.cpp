@@ -121,6 +121,48 @@ TEST_F(FilePermissionsTest, AMissingFileIsLeftToItsReaderButItsDirectoryIsChecke
                                     Refusal("is writable by others", ::geteuid(), "0777"));
 }
 
+TEST_F(FilePermissionsTest, AFileInAFolderThatIsNotThereEitherIsLeftToItsReader) {
+    EXPECT_TRUE(Check(m_directory.Path() + "/absent-folder/absent.ini").IsOk());
+}
+
+TEST_F(FilePermissionsTest, AMissingFileNamedWithoutAFolderIsLookedForInTheWorkingDirectory) {
+    const std::string shared = MakeDirectory("shared", 0777);
+    ASSERT_EQ(::chdir(shared.c_str()), 0);
+    const CStatus status = Check("absent.ini");
+    ASSERT_FALSE(status.IsOk());
+    EXPECT_EQ(status.Message(), "refusing the directory " + shared +
+                                    " of the configuration absent.ini" +
+                                    Refusal("is writable by others", ::geteuid(), "0777"));
+}
+
+TEST_F(FilePermissionsTest, AnOwnerWithoutAUserNameIsNamedByNumber) {
+    if (::geteuid() != 0) {
+        MODEMLOADER_MISSING_PREREQUISITE("giving a file to another user needs root");
+    }
+    constexpr uid_t kUnnamed = 54321;
+    ASSERT_EQ(::getpwuid(kUnnamed), nullptr) << "uid 54321 has a name on this machine";
+    ASSERT_EQ(::chown(m_file.c_str(), kUnnamed, static_cast<gid_t>(-1)), 0);
+    const CStatus status = Check(m_file);
+    EXPECT_EQ(status.Message(),
+              "refusing the configuration " + m_file +
+                  ": it is owned by a user other than root or the invoking user (owner uid "
+                  "54321, mode 0644); whoever can change it runs code as root here; make it "
+                  "writable only by " +
+                  (::getuid() == 0 ? std::string("root") : "root or " + UserName(::getuid())) +
+                  ", or pass --insecure-permissions");
+}
+
+TEST_F(FilePermissionsTest, ARefusalOnBehalfOfAnInvokingUserNamesThatUserAsTrustedToo) {
+    ASSERT_EQ(::chmod(m_file.c_str(), 0666), 0);
+    const CStatus status = CFilePermissions::CheckTrusted("configuration", m_file, kNobody);
+    const std::string owner = UserName(::geteuid());
+    EXPECT_EQ(status.Message(), "refusing the configuration " + m_file +
+                                    ": it is writable by others (owner " + owner +
+                                    ", mode 0666); whoever can change it runs code as root "
+                                    "here; make it writable only by root or " +
+                                    UserName(kNobody) + ", or pass --insecure-permissions");
+}
+
 TEST_F(FilePermissionsTest, AFileOwnedByAnotherUserIsRefused) {
     if (::geteuid() != 0) {
         MODEMLOADER_MISSING_PREREQUISITE("giving a file to another user needs root");

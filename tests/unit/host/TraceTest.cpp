@@ -66,6 +66,24 @@ TEST_F(TraceTest, RepliesCarryTheirNameFieldAndOutcomeProgressItsPercent) {
             R"({"kind":"event","dir":"out","type":3,"id":208,"size":68,"name":"modemloader","outcome":1})"}));
 }
 
+TEST_F(TraceTest, ATruncatedReplyOrProgressKeepsItsNameButNoFieldItLacks) {
+    // A feature that sends only the name field: no outcome and no percent are made up.
+    char name[kControllerNameSize] = "modemloader";
+    m_trace.Event(CTrace::TDirection::eOut, TEvent{3, 203, sizeof name, name});
+    m_trace.Event(CTrace::TDirection::eOut, TEvent{3, 206, sizeof name, name});
+    // Shorter than a name field: the bytes are the name, as for a request.
+    m_trace.Event(CTrace::TDirection::eOut, TEvent{3, 205, 5, name});
+    // Not a controller event at all: the payload's bytes are its name.
+    m_trace.Event(CTrace::TDirection::eIn, TEvent{1, 0, 4, "tick"});
+    EXPECT_EQ(
+        Lines(),
+        (std::vector<std::string>{
+            R"({"kind":"event","dir":"out","type":3,"id":203,"size":64,"name":"modemloader"})",
+            R"({"kind":"event","dir":"out","type":3,"id":206,"size":64,"name":"modemloader"})",
+            R"({"kind":"event","dir":"out","type":3,"id":205,"size":5,"name":"modem"})",
+            R"({"kind":"event","dir":"in","type":1,"id":0,"size":4,"name":"tick"})"}));
+}
+
 TEST_F(TraceTest, ALogRecordLosesItsWrappingOnly) {
     m_trace.Log(logging::TLogRecord{logging::categories::Always, logging::ModemLoader,
                                     "HandleControllerPrepare", "src/ModemLoader", 246,
@@ -102,6 +120,42 @@ TEST(TraceOpenTest, AFileThatCannotBeCreatedIsNamed) {
     EXPECT_EQ(status.Message(), "trace /nonexistent-folder/trace.jsonl: No such file or directory");
     EXPECT_FALSE(trace.IsOpen());
     trace.Command("true", 0);  // writes nothing, and does not fail
+    trace.Log(logging::TLogRecord{});
+    trace.Mount("/dev/loop3", "/mnt/x", 2, 0);
+    trace.Umount("/mnt/x", 0);
+    trace.Event(CTrace::TDirection::eIn, TEvent{3, 200, 0, nullptr});
+    EXPECT_TRUE(trace.WriteStatus());
+}
+
+// A trace on a file system that has filled up: the lines are lost, the update is not, and the
+// first failure is kept for the host to report.
+TEST(TraceWriteTest, ALineThatCannotBeWrittenIsKeptAsTheTracesFailure) {
+    CTrace trace;
+    ASSERT_TRUE(trace.Open("/dev/full"));
+    EXPECT_TRUE(trace.WriteStatus());
+    trace.Command("echo 1 > /sys/class/gpio/value", 0);
+    trace.Umount("/mnt/x", 0);
+    EXPECT_EQ(trace.WriteStatus().Message(), "trace /dev/full: writing: No space left on device");
+}
+
+TEST(TraceWriteTest, OpeningAgainStartsANewFileWithAClearRecord) {
+    CTemporaryDirectory directory;
+    ASSERT_TRUE(directory.Made()) << directory.Made().Message();
+    CTrace trace;
+    ASSERT_TRUE(trace.Open("/dev/full"));
+    trace.Command("true", 0);
+    ASSERT_FALSE(trace.WriteStatus());
+    const std::string path = directory.Join("trace.jsonl");
+    ASSERT_TRUE(trace.Open(path));
+    EXPECT_TRUE(trace.WriteStatus());
+    trace.Command("true", 0);
+    std::ifstream file(path);
+    std::string line;
+    ASSERT_TRUE(std::getline(file, line));
+    EXPECT_TRUE(std::regex_match(
+        line, std::regex(R"(\{"t":[0-9.e-]+,"kind":"cmd","line":"true","status":0\})")))
+        << line;
+    EXPECT_FALSE(std::getline(file, line));
 }
 
 }  // namespace

@@ -5,8 +5,11 @@
 
 #include <atomic>
 #include <future>
+#include <set>
 #include <stdexcept>
 
+#include "DescriptorLimit.h"
+#include "Descriptors.h"
 #include "LinuxEventBroker.h"
 #include "RecordingObserver.h"
 
@@ -280,6 +283,57 @@ TEST(LinuxEventBrokerPeriod, AZeroTickPeriodIsRefused) {
     EXPECT_FALSE(status.IsOk());
     EXPECT_EQ(status.Message(), "event broker: the tick period must be positive");
 }
+
+TEST_F(LinuxEventBrokerTest, UnsubscribingWhatWasNeverSubscribedIsRefused) {
+    CRecordingObserver observer;
+    CRecordingObserver other;
+    ASSERT_TRUE(m_broker.Subscribe(Filter(200), observer));
+    EXPECT_FALSE(m_broker.Unsubscribe(Filter(201), observer));
+    EXPECT_FALSE(m_broker.Unsubscribe(Filter(200), other));
+    EXPECT_TRUE(m_broker.Unsubscribe(Filter(200), observer));
+    EXPECT_FALSE(m_broker.Unsubscribe(Filter(200), observer));
+}
+
+struct TStartFailure {
+    const char* name;
+    int spareDescriptors;
+    const char* message;
+};
+
+void PrintTo(const TStartFailure& fault, std::ostream* stream) { *stream << fault.name; }
+
+class LinuxEventBrokerStartFailureTest : public ::testing::TestWithParam<TStartFailure> {};
+
+TEST_P(LinuxEventBrokerStartFailureTest, SaysWhichCallFailedLeavesNothingOpenAndCanStartLater) {
+    std::vector<std::string> errors;
+    CEventBroker broker(1h, [&](const std::string& message) { errors.push_back(message); });
+    CRecordingObserver observer;
+    ASSERT_TRUE(broker.Subscribe(Filter(200), observer));
+    ASSERT_TRUE(broker.Publish(UserEvent(200, "queued")));
+    const std::set<int> before = OpenDescriptors();
+    CStatus status = CStatus::Ok();
+    {
+        CDescriptorLimit limit(GetParam().spareDescriptors);
+        ASSERT_TRUE(limit.Lowered());
+        status = broker.Start();
+    }
+    EXPECT_EQ(status.Message(), GetParam().message);
+    EXPECT_EQ(OpenDescriptors(), before);
+    // Nothing was delivered, and nothing was lost: a later start delivers what was queued.
+    EXPECT_TRUE(observer.Deliveries().empty());
+    ASSERT_TRUE(broker.Start());
+    EXPECT_TRUE(observer.Await(1));
+    broker.Stop();
+    EXPECT_TRUE(errors.empty());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    DescriptorsUsedUp, LinuxEventBrokerStartFailureTest,
+    ::testing::Values(TStartFailure{"NoneLeftForTheWakeUp", 0,
+                                    "event broker: eventfd: Too many open files"},
+                      TStartFailure{"NoneLeftForTheTimer", 1,
+                                    "event broker: timerfd_create: Too many open files"}),
+    [](const auto& parameter) { return std::string(parameter.param.name); });
 
 class LinuxEventBrokerTickTest : public LinuxEventBrokerTest {
 protected:

@@ -8,30 +8,32 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
+#include <set>
+#include <string>
 #include <thread>
+#include <vector>
 
+#include "Descriptors.h"
 #include "InstalledBackend.h"
 #include "LinuxSerialPort.h"
 #include "LinuxSerialPortFactory.h"
+#include "LogCapture.h"
 #include "Prerequisite.h"
+#include "PseudoTerminalTest.h"
 #include "UniqueFd.h"
 
 namespace {
 
 using namespace std::chrono_literals;
 
-class LinuxSerialPortTest : public ::testing::Test {
+class LinuxSerialPortTest : public CPseudoTerminalTest {
 protected:
-    void SetUp() override {
-        m_master.Reset(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
-        if (!m_master.IsValid() || ::grantpt(m_master.Get()) != 0 ||
-            ::unlockpt(m_master.Get()) != 0) {
-            MODEMLOADER_MISSING_PREREQUISITE("no pseudo-terminal available here");
-        }
-        char name[128];
-        ASSERT_EQ(::ptsname_r(m_master.Get(), name, sizeof name), 0);
-        m_device = name;
+    // The record of a port whose other end hung up: what `call` was doing (`what`), and EIO.
+    TLogEntry HangUpEntry(const std::string& call, const std::string& what) const {
+        return TLogEntry{logging::categories::Error, call,
+                         "serial port " + m_device + ": " + what + ": Input/output error\n"};
     }
 
     std::unique_ptr<CLinuxSerialPort> OpenPort(std::chrono::milliseconds readTimeout = 10ms) {
@@ -39,28 +41,6 @@ protected:
         const CStatus status = CLinuxSerialPort::Open(m_device, 115200, readTimeout, port);
         EXPECT_TRUE(status.IsOk()) << status.Message();
         return port;
-    }
-
-    // Reads from the modem's side until `count` bytes arrived or 5 s passed.
-    std::string ReadFromModem(std::size_t count) {
-        std::string received;
-        const auto deadline = std::chrono::steady_clock::now() + 5s;
-        while (received.size() < count && std::chrono::steady_clock::now() < deadline) {
-            pollfd descriptor{m_master.Get(), POLLIN, 0};
-            if (::poll(&descriptor, 1, 100) == 1) {
-                char buffer[4096];
-                const ssize_t got = ::read(m_master.Get(), buffer, sizeof buffer);
-                if (got > 0) {
-                    received.append(buffer, static_cast<std::size_t>(got));
-                }
-            }
-        }
-        return received;
-    }
-
-    void WriteFromModem(const std::string& bytes) {
-        ASSERT_EQ(::write(m_master.Get(), bytes.data(), bytes.size()),
-                  static_cast<ssize_t>(bytes.size()));
     }
 
     // Reads through the port until `count` bytes arrived or 5 s passed.
@@ -83,9 +63,6 @@ protected:
         }
         return bytes;
     }
-
-    CUniqueFd m_master;
-    std::string m_device;
 };
 
 TEST_F(LinuxSerialPortTest, ConfiguresTheLineRaw8N1WithoutFlowControlAtTheRequestedSpeed) {
@@ -188,11 +165,122 @@ TEST_F(LinuxSerialPortTest, ReadReportsALineThatHungUp) {
     auto port = OpenPort();
     ASSERT_TRUE(port);
     m_master.Reset();
+    CLogCapture capture;
     unsigned char buffer[8];
-    uint32_t got = 0;
-    EXPECT_NE(port->Read(buffer, sizeof buffer, got), 0);
+    uint32_t got = 99;
+    EXPECT_EQ(port->Read(buffer, sizeof buffer, got), EIO);
     EXPECT_EQ(got, 0u);
+    EXPECT_EQ(capture.Entries(),
+              std::vector<TLogEntry>{HangUpEntry("Read", "read: the other end hung up")});
 }
+
+// The adapter pulled while the loader waits for the modem's answer: the wait ends at once, not
+// after the read time-out, with the line's error.
+TEST_F(LinuxSerialPortTest, AHangUpWhileAReadWaitsEndsTheReadWithTheLinesError) {
+    auto port = OpenPort(30s);
+    ASSERT_TRUE(port);
+    CLogCapture capture;
+    int result = 0;
+    uint32_t got = 99;
+    std::thread reader([&] {
+        unsigned char buffer[8];
+        result = port->Read(buffer, sizeof buffer, got);
+    });
+    m_master.Reset();
+    reader.join();
+    EXPECT_EQ(result, EIO);
+    EXPECT_EQ(got, 0u);
+    EXPECT_EQ(capture.Entries(),
+              std::vector<TLogEntry>{HangUpEntry("Read", "read: the other end hung up")});
+}
+
+// The adapter pulled in the middle of a firmware block: the write that blocked on the full line
+// ends with the line's error and says how much of the block went out before.
+TEST_F(LinuxSerialPortTest, AHangUpWhileAWriteBlocksEndsTheWriteWithTheLinesError) {
+    auto port = OpenPort();
+    ASSERT_TRUE(port);
+    const std::string block(1024 * 1024, '\x5a');
+    CLogCapture capture;
+    int result = 0;
+    uint32_t written = 0;
+    std::thread writer([&] {
+        result = port->Write(reinterpret_cast<const unsigned char*>(block.data()),
+                             static_cast<uint32_t>(block.size()), written);
+    });
+    // Part of the block has gone out: the write is under way when the line goes.
+    EXPECT_GE(ReadFromModem(1000).size(), 1000u);
+    m_master.Reset();
+    writer.join();
+    EXPECT_EQ(result, EIO);
+    EXPECT_GE(written, 1000u);
+    EXPECT_LT(written, block.size());
+    EXPECT_EQ(capture.Entries(), std::vector<TLogEntry>{HangUpEntry("Write", "write")});
+}
+
+TEST_F(LinuxSerialPortTest, AFailureLeavesAPortThatCanBeDestroyedWithoutLeakingItsDescriptor) {
+    const std::set<int> before = OpenDescriptors();
+    {
+        auto port = OpenPort();
+        ASSERT_TRUE(port);
+        EXPECT_GE(TerminalDescriptor(), 0);
+        m_master.Reset();
+        CLogCapture capture;
+        unsigned char buffer[8];
+        uint32_t got = 0;
+        EXPECT_EQ(port->Read(buffer, sizeof buffer, got), EIO);
+    }
+    std::set<int> expected = before;
+    expected.erase(m_masterDescriptor);
+    EXPECT_EQ(OpenDescriptors(), expected);
+}
+
+struct TSpeed {
+    uint32_t baud;
+    speed_t constant;
+};
+
+void PrintTo(const TSpeed& speed, std::ostream* stream) { *stream << speed.baud; }
+
+class LinuxSerialPortSpeedTest : public LinuxSerialPortTest,
+                                 public ::testing::WithParamInterface<TSpeed> {};
+
+TEST_P(LinuxSerialPortSpeedTest, SetsTheTermiosConstantOfTheSpeedBothWays) {
+    std::unique_ptr<CLinuxSerialPort> port;
+    const CStatus status = CLinuxSerialPort::Open(m_device, GetParam().baud, 10ms, port);
+    ASSERT_TRUE(status.IsOk()) << status.Message();
+    CUniqueFd terminal(::open(m_device.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC));
+    ASSERT_TRUE(terminal.IsValid());
+    termios settings{};
+    ASSERT_EQ(::tcgetattr(terminal.Get(), &settings), 0);
+    EXPECT_EQ(::cfgetospeed(&settings), GetParam().constant);
+    EXPECT_EQ(::cfgetispeed(&settings), GetParam().constant);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    EverySpeed, LinuxSerialPortSpeedTest,
+    ::testing::Values(TSpeed{1200, B1200}, TSpeed{2400, B2400}, TSpeed{4800, B4800},
+                      TSpeed{9600, B9600}, TSpeed{19200, B19200}, TSpeed{38400, B38400},
+                      TSpeed{57600, B57600}, TSpeed{115200, B115200}, TSpeed{230400, B230400},
+                      TSpeed{460800, B460800}, TSpeed{921600, B921600}, TSpeed{1000000, B1000000},
+                      TSpeed{2000000, B2000000}, TSpeed{3000000, B3000000},
+                      TSpeed{4000000, B4000000}),
+    [](const auto& parameter) { return "Baud" + std::to_string(parameter.param.baud); });
+
+class LinuxSerialPortRefusedSpeedTest : public ::testing::TestWithParam<uint32_t> {};
+
+TEST_P(LinuxSerialPortRefusedSpeedTest, ASpeedBetweenOrBeyondTheTermiosOnesIsRefusedUnopened) {
+    const std::set<int> before = OpenDescriptors();
+    std::unique_ptr<CLinuxSerialPort> port;
+    const CStatus status = CLinuxSerialPort::Open("/dev/null", GetParam(), 10ms, port);
+    EXPECT_EQ(status.Message(),
+              "serial port /dev/null: unsupported speed " + std::to_string(GetParam()));
+    EXPECT_FALSE(port);
+    EXPECT_EQ(OpenDescriptors(), before);
+}
+
+INSTANTIATE_TEST_SUITE_P(Speeds, LinuxSerialPortRefusedSpeedTest,
+                         ::testing::Values(0u, 300u, 600u, 14400u, 115201u, 250000u, 500000u,
+                                           1500000u, 2500000u, 3500000u, 4000001u));
 
 TEST(LinuxSerialPortOpenTest, AMissingDeviceFailsWithItsName) {
     std::unique_ptr<CLinuxSerialPort> port;
@@ -210,12 +298,6 @@ TEST(LinuxSerialPortOpenTest, ADeviceThatIsNoTerminalIsRefused) {
     EXPECT_EQ(status.Message(),
               "serial port /dev/null: not a terminal: Inappropriate ioctl for device");
     EXPECT_FALSE(port);
-}
-
-TEST(LinuxSerialPortOpenTest, ASpeedTermiosCannotSetIsRefused) {
-    std::unique_ptr<CLinuxSerialPort> port;
-    const CStatus status = CLinuxSerialPort::Open("/dev/null", 115201, 10ms, port);
-    EXPECT_EQ(status.Message(), "serial port /dev/null: unsupported speed 115201");
 }
 
 TEST(LinuxSerialPortFactoryTest, ReportsWhyAPortCouldNotBeMadeAndYieldsNull) {
