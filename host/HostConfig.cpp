@@ -22,9 +22,11 @@ CStatus ParseNumber(const std::string& key, const std::string& text, uint32_t mi
     return CStatus::Ok();
 }
 
+// The folder of `path` as the start of a path beside it: "." for a bare file name, "" for a file
+// in the root folder (so that the plug-in is "/feature.so", not "//feature.so").
 std::string Folder(const std::string& path) {
     const auto slash = path.find_last_of('/');
-    return slash == std::string::npos ? std::string(".") : path.substr(0, slash == 0 ? 1 : slash);
+    return slash == std::string::npos ? std::string(".") : path.substr(0, slash);
 }
 }  // namespace
 

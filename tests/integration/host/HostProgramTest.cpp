@@ -182,7 +182,8 @@ INSTANTIATE_TEST_SUITE_P(
     Cases, HostProgramInfoTest,
     ::testing::Values(TInfoCase{"ModemLoader", MODEMLOADER_PLUGIN, "modemloader"},
                       TInfoCase{"AnotherFeatureType", OTHER_TYPE_PLUGIN, "navigation"},
-                      TInfoCase{"SdkExampleFeature", HELLO_FEATURE_PLUGIN, "hello"}),
+                      TInfoCase{"SdkExampleFeature", HELLO_FEATURE_PLUGIN, "hello"},
+                      TInfoCase{"AFeatureThatNamesNoType", UNTYPED_PLUGIN, ""}),
     [](const ::testing::TestParamInfo<TInfoCase>& testCase) {
         return std::string(testCase.param.name);
     });
@@ -208,45 +209,69 @@ TEST_P(HostProgramUsageTest, ExitsTwoWithOneLineNamingTheProblem) {
 
 INSTANTIATE_TEST_SUITE_P(
     Cases, HostProgramUsageTest,
-    ::testing::Values(TUsageCase{"NoCommand", {}, "no command given"},
-                      TUsageCase{"UnknownCommand", {"frobnicate"}, "unknown command 'frobnicate'"},
-                      TUsageCase{"UpdateWithoutConfig", {"update"}, "update needs --config FILE"},
-                      TUsageCase{
-                          "OptionWithoutValue", {"update", "--config"}, "--config needs a value"},
-                      TUsageCase{"UnknownOption",
-                                 {"update", "--config", "x.ini", "--colour", "red"},
-                                 "unknown option '--colour' for update"},
-                      TUsageCase{"TickNotANumber",
-                                 {"update", "--config", "x.ini", "--tick-ms", "ten"},
-                                 "--tick-ms: 'ten' is not a whole number"},
-                      TUsageCase{"ZeroTick",
-                                 {"update", "--config", "x.ini", "--tick-ms", "0"},
-                                 "--tick-ms: the period must be at least 1"},
-                      TUsageCase{"NegativeTimeout",
-                                 {"update", "--config", "x.ini", "--timeout", "-1"},
-                                 "--timeout: '-1' is not a number of seconds"},
-                      TUsageCase{"TimeoutNotANumber",
-                                 {"update", "--config", "x.ini", "--timeout", "nan"},
-                                 "--timeout: 'nan' is not a number of seconds"},
-                      TUsageCase{"EndlessTimeout",
-                                 {"update", "--config", "x.ini", "--timeout", "1e300"},
-                                 "--timeout: '1e300' is too long (at most 1e9 seconds)"},
-                      TUsageCase{"TickTooLarge",
-                                 {"update", "--config", "x.ini", "--tick-ms", "4294967296"},
-                                 "--tick-ms: '4294967296' is too large"},
-                      TUsageCase{"AbortDelayNotANumber",
-                                 {"update", "--config", "x.ini", "--abort-after-ms", "soon"},
-                                 "--abort-after-ms: 'soon' is not a whole number"},
-                      TUsageCase{"TimeoutWithAUnit",
-                                 {"update", "--config", "x.ini", "--timeout", "5s"},
-                                 "--timeout: '5s' is not a number of seconds"},
-                      TUsageCase{"AStrayWord",
-                                 {"update", "--config", "x.ini", "now"},
-                                 "unknown option 'now' for update"},
-                      TUsageCase{"InfoWithoutPlugin", {"info"}, "info needs --plugin PATH"},
-                      TUsageCase{"UpdateOptionForInfo",
-                                 {"info", "--plugin", "x.so", "--quiet"},
-                                 "unknown option '--quiet' for info"}),
+    ::testing::Values(
+        TUsageCase{"NoCommand", {}, "no command given"},
+        TUsageCase{"UnknownCommand", {"frobnicate"}, "unknown command 'frobnicate'"},
+        TUsageCase{"UpdateWithoutConfig", {"update"}, "update needs --config FILE"},
+        TUsageCase{"OptionWithoutValue", {"update", "--config"}, "--config needs a value"},
+        TUsageCase{"UnknownOption",
+                   {"update", "--config", "x.ini", "--colour", "red"},
+                   "unknown option '--colour' for update"},
+        TUsageCase{"TickNotANumber",
+                   {"update", "--config", "x.ini", "--tick-ms", "ten"},
+                   "--tick-ms: 'ten' is not a whole number"},
+        TUsageCase{"ZeroTick",
+                   {"update", "--config", "x.ini", "--tick-ms", "0"},
+                   "--tick-ms: the period must be at least 1"},
+        TUsageCase{"NegativeTimeout",
+                   {"update", "--config", "x.ini", "--timeout", "-1"},
+                   "--timeout: '-1' is not a number of seconds"},
+        TUsageCase{"TimeoutNotANumber",
+                   {"update", "--config", "x.ini", "--timeout", "nan"},
+                   "--timeout: 'nan' is not a number of seconds"},
+        TUsageCase{"EndlessTimeout",
+                   {"update", "--config", "x.ini", "--timeout", "1e300"},
+                   "--timeout: '1e300' is too long (at most 1e9 seconds)"},
+        TUsageCase{"TickTooLarge",
+                   {"update", "--config", "x.ini", "--tick-ms", "4294967296"},
+                   "--tick-ms: '4294967296' is too large"},
+        TUsageCase{"AbortDelayNotANumber",
+                   {"update", "--config", "x.ini", "--abort-after-ms", "soon"},
+                   "--abort-after-ms: 'soon' is not a whole number"},
+        TUsageCase{"TimeoutWithAUnit",
+                   {"update", "--config", "x.ini", "--timeout", "5s"},
+                   "--timeout: '5s' is not a number of seconds"},
+        TUsageCase{"AStrayWord",
+                   {"update", "--config", "x.ini", "now"},
+                   "unknown option 'now' for update"},
+        TUsageCase{"TickEmpty",
+                   {"update", "--config", "x.ini", "--tick-ms", ""},
+                   "--tick-ms: '' is not a whole number"},
+        TUsageCase{"TickBeyondAnyNumber",
+                   {"update", "--config", "x.ini", "--tick-ms", "99999999999999999999999"},
+                   "--tick-ms: '99999999999999999999999' is too large"},
+        TUsageCase{"AbortDelayTooLarge",
+                   {"update", "--config", "x.ini", "--abort-after-ms", "4294967296"},
+                   "--abort-after-ms: '4294967296' is too large"},
+        TUsageCase{"TimeoutEmpty",
+                   {"update", "--config", "x.ini", "--timeout", ""},
+                   "--timeout: '' is not a number of seconds"},
+        TUsageCase{"TimeoutBeyondAnyNumber",
+                   {"update", "--config", "x.ini", "--timeout", "1e999"},
+                   "--timeout: '1e999' is not a number of seconds"},
+        TUsageCase{"InfiniteTimeout",
+                   {"update", "--config", "x.ini", "--timeout", "inf"},
+                   "--timeout: 'inf' is not a number of seconds"},
+        TUsageCase{"AnOptionBeforeTheCommand",
+                   {"--colour", "update", "--config", "x.ini"},
+                   "unknown option '--colour' for update"},
+        TUsageCase{"AFlagGivenAValue",
+                   {"update", "--config", "x.ini", "--quiet=loud"},
+                   "Could not convert: --quiet = loud"},
+        TUsageCase{"InfoWithoutPlugin", {"info"}, "info needs --plugin PATH"},
+        TUsageCase{"UpdateOptionForInfo",
+                   {"info", "--plugin", "x.so", "--quiet"},
+                   "unknown option '--quiet' for info"}),
     [](const ::testing::TestParamInfo<TUsageCase>& testCase) {
         return std::string(testCase.param.name);
     });
@@ -326,6 +351,10 @@ TEST_F(HostProgramTest, AMissingPluginIsNamedWithTheLoadersReason) {
     EXPECT_EQ(result.err, "modemloader-host: plug-in " + Path("absent.so") +
                               ": cannot load: " + Path("absent.so") +
                               ": cannot open shared object file: No such file or directory\n");
+    const TChildResult info = RunHost({"info", "--plugin", Path("absent.so")});
+    EXPECT_EQ(info.exitCode, 2) << Describe(info);
+    EXPECT_EQ(info.err, result.err);
+    EXPECT_EQ(info.out, "");
 }
 
 TEST_F(HostProgramTest, ALibraryThatIsNoFeatureIsRefused) {
@@ -344,6 +373,11 @@ TEST_F(HostProgramTest, AFeatureOfAnotherTypeIsRefused) {
     EXPECT_EQ(result.exitCode, 2) << Describe(result);
     EXPECT_EQ(result.err, std::string("modemloader-host: plug-in ") + OTHER_TYPE_PLUGIN +
                               ": a feature of type 'navigation', not 'modemloader'\n");
+    const TChildResult untyped =
+        RunHost({"update", "--config", config, "--plugin", UNTYPED_PLUGIN});
+    EXPECT_EQ(untyped.exitCode, 2) << Describe(untyped);
+    EXPECT_EQ(untyped.err, std::string("modemloader-host: plug-in ") + UNTYPED_PLUGIN +
+                               ": a feature of type '', not 'modemloader'\n");
 }
 
 TEST_F(HostProgramTest, AFeatureWithoutItsCreateEntryPointIsRefusedBeforeAnythingRuns) {
@@ -480,7 +514,8 @@ TEST_F(HostProgramTest, AStorageThatCannotBeMountedFailsThePrepare) {
 
 TEST_F(HostProgramTest, WithLogNoneNothingIsWrittenToStderr) {
     const std::string config = WriteConfig({}, "tick_ms = 10\nfs.2 = ext4\nlog = none\n");
-    const TChildResult result = RunUpdate(config, {"--quiet"});
+    // A time-out well above what the update takes changes nothing.
+    const TChildResult result = RunUpdate(config, {"--quiet", "--timeout", "30.5"});
     EXPECT_EQ(result.exitCode, 1) << Describe(result);
     EXPECT_EQ(result.err, "");
     EXPECT_EQ(result.out, "");
@@ -494,6 +529,9 @@ TEST_F(HostProgramTest, ATooLongFeatureNameIsRefused) {
     EXPECT_EQ(result.exitCode, 2) << Describe(result);
     EXPECT_EQ(result.err,
               "modemloader-host: feature name '" + name + "' must have 1 to 63 characters\n");
+    const TChildResult unnamed = RunUpdate(config, {"--feature", ""});
+    EXPECT_EQ(unnamed.exitCode, 2) << Describe(unnamed);
+    EXPECT_EQ(unnamed.err, "modemloader-host: feature name '' must have 1 to 63 characters\n");
 }
 
 TEST_F(HostProgramTest, ATraceThatCannotBeWrittenIsNamed) {

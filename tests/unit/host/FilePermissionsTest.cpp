@@ -2,10 +2,16 @@
 // invoking user could change: the file's owner and mode, every directory above it, sticky
 // directories, symbolic links and files that are not there yet.
 
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <pwd.h>
+#include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <memory>
 
 #include "FilePermissions.h"
 #include "Prerequisite.h"
@@ -15,6 +21,30 @@
 namespace {
 
 constexpr uid_t kNobody = 65534;
+
+// stat of one path fails with one error while a CFailingStat lives (the interposed stat below):
+// a file that realpath found but that cannot be examined, as on a failing storage.
+std::atomic<const char*> g_failingPath{nullptr};
+std::atomic<int> g_failingError{0};
+
+class CFailingStat {
+public:
+    CFailingStat(const std::string& path, int error) : m_path(path) {
+        g_failingError = error;
+        g_failingPath = m_path.c_str();
+    }
+    ~CFailingStat() { g_failingPath = nullptr; }
+    CFailingStat(const CFailingStat&) = delete;
+    CFailingStat& operator=(const CFailingStat&) = delete;
+
+private:
+    const std::string m_path;
+};
+
+std::string Resolved(const std::string& path) {
+    std::unique_ptr<char, decltype(&::free)> resolved(::realpath(path.c_str(), nullptr), &::free);
+    return resolved ? resolved.get() : path;
+}
 
 std::string UserName(uid_t user) {
     const passwd* entry = ::getpwuid(user);
@@ -135,6 +165,23 @@ TEST_F(FilePermissionsTest, AMissingFileNamedWithoutAFolderIsLookedForInTheWorki
                                     Refusal("is writable by others", ::geteuid(), "0777"));
 }
 
+TEST_F(FilePermissionsTest, AFileOrFolderThatCannotBeExaminedIsRefusedWithTheReason) {
+    const std::string file = Resolved(m_file);
+    const std::string folder = Resolved(m_directory.Path());
+    CStatus status = CStatus::Ok();
+    {
+        const CFailingStat failing(file, EIO);
+        status = Check(m_file);
+    }
+    EXPECT_EQ(status.Message(), "configuration " + m_file + ": " + file + ": Input/output error");
+    {
+        const CFailingStat failing(folder, EACCES);
+        status = Check(m_file);
+    }
+    EXPECT_EQ(status.Message(), "configuration " + m_file + ": " + folder + ": Permission denied");
+    EXPECT_TRUE(Check(m_file).IsOk()) << "examined again once the fault is gone";
+}
+
 TEST_F(FilePermissionsTest, AnOwnerWithoutAUserNameIsNamedByNumber) {
     if (::geteuid() != 0) {
         MODEMLOADER_MISSING_PREREQUISITE("giving a file to another user needs root");
@@ -187,3 +234,21 @@ TEST_F(FilePermissionsTest, TheInvokingUsersOwnFileIsTrusted) {
 }
 
 }  // namespace
+
+// The name the C library gives stat where off_t is made 64 bits wide by the build.
+#ifdef __USE_FILE_OFFSET64
+#define MODEMLOADER_STAT_NAME "stat64"
+#else
+#define MODEMLOADER_STAT_NAME "stat"
+#endif
+
+extern "C" int stat(const char* path, struct stat* status) noexcept {
+    const char* failing = g_failingPath;
+    if (failing != nullptr && std::string(path) == failing) {
+        errno = g_failingError;
+        return -1;
+    }
+    static const auto next = reinterpret_cast<int (*)(const char*, struct stat*)>(
+        ::dlsym(RTLD_NEXT, MODEMLOADER_STAT_NAME));
+    return next(path, status);
+}

@@ -166,4 +166,98 @@ TEST_F(HostUpdateControllerTest, NoInitReplyTimesOut) {
     EXPECT_EQ(feature.Requests(), std::vector<std::string>{"200"});
 }
 
+// Replies that were already delivered when the conversation starts (the controller keeps what it
+// heard), some of them not ours or not whole records: what the conversation makes of them.
+struct TDelivery {
+    int32_t type;
+    int32_t id;
+    uint32_t size;  // bytes of the record delivered: a name, then an outcome or a percentage
+    int32_t value;  // the outcome, or the percentage of a 206
+};
+
+struct THeardCase {
+    const char* name;
+    std::vector<TDelivery> deliveries;
+    CUpdateController::TExitCode exitCode;
+    std::string summary;
+};
+
+void PrintTo(const THeardCase& testCase, std::ostream* stream) { *stream << testCase.name; }
+
+class HostUpdateControllerHeardTest : public HostUpdateControllerTest,
+                                      public ::testing::WithParamInterface<THeardCase> {};
+
+TEST_P(HostUpdateControllerHeardTest, EndsAsTheRepliesHeardSay) {
+    for (const TDelivery& delivery : GetParam().deliveries) {
+        char record[sizeof(TControllerReply)] = {};
+        std::memcpy(record, kFeature.data(), kFeature.size());
+        if (delivery.id == EVT_CONTROLLER_PROGRESS) {
+            record[kControllerNameSize] = static_cast<char>(delivery.value);
+        } else {
+            std::memcpy(record + kControllerNameSize, &delivery.value, sizeof delivery.value);
+        }
+        m_controller.OnEvent(TEvent{delivery.type, delivery.id, delivery.size,
+                                    delivery.size > 0 ? record : nullptr});
+    }
+    CUpdateController::TSettings settings;
+    settings.timeout = std::chrono::duration<double>(0.05);
+    EXPECT_EQ(Run(settings), GetParam().exitCode);
+    EXPECT_EQ(m_summary, GetParam().summary);
+}
+
+constexpr uint32_t kName = 11;  // "modemloader" without a terminator, as 201 carries it
+constexpr TDelivery kInitDone{EVENT_TYPE_USER, EVT_CONTROLLER_INIT_DONE, kName, 0};
+constexpr TDelivery kPrepared{EVENT_TYPE_USER, EVT_CONTROLLER_PREPARE_DONE,
+                              sizeof(TControllerReply), 1};
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, HostUpdateControllerHeardTest,
+    ::testing::Values(
+        THeardCase{"AnInitDoneOfAnotherFamilyIsNotOurs",
+                   {{EVENT_TYPE_TICK, EVT_CONTROLLER_INIT_DONE, kName, 0}},
+                   CUpdateController::eTimedOut,
+                   "timed out after 0.05 s waiting for Init done (201)"},
+        THeardCase{"AnInitDoneWithoutANameIsNotOurs",
+                   {{EVENT_TYPE_USER, EVT_CONTROLLER_INIT_DONE, 0, 0}},
+                   CUpdateController::eTimedOut,
+                   "timed out after 0.05 s waiting for Init done (201)"},
+        THeardCase{"APrepareDoneShorterThanANameIsNotOurs",
+                   {kInitDone, {EVENT_TYPE_USER, EVT_CONTROLLER_PREPARE_DONE, kName, 1}},
+                   CUpdateController::eTimedOut,
+                   "timed out after 0.05 s waiting for Prepare done (203)"},
+        THeardCase{
+            "APrepareDoneWithoutItsOutcomeIsNoReply",
+            {kInitDone, {EVENT_TYPE_USER, EVT_CONTROLLER_PREPARE_DONE, kControllerNameSize, 1}},
+            CUpdateController::eTimedOut,
+            "timed out after 0.05 s waiting for Prepare done (203)"},
+        THeardCase{"NoInstallDoneTimesOut",
+                   {kInitDone, kPrepared},
+                   CUpdateController::eTimedOut,
+                   "timed out after 0.05 s waiting for Install done (205)"},
+        THeardCase{"OnlyTheFirstInstallResultCounts",
+                   {kInitDone,
+                    kPrepared,
+                    {EVENT_TYPE_USER, EVT_CONTROLLER_INSTALL_DONE, sizeof(TControllerReply), 0},
+                    {EVENT_TYPE_USER, EVT_CONTROLLER_INSTALL_DONE, sizeof(TControllerReply), 1}},
+                   CUpdateController::eFailed,
+                   "update failed"},
+        THeardCase{"ProgressWholeOrCutShortLeavesTheOutcomeAlone",
+                   {kInitDone,
+                    kPrepared,
+                    {EVENT_TYPE_USER, EVT_CONTROLLER_PROGRESS, sizeof(TControllerProgress), 40},
+                    {EVENT_TYPE_USER, EVT_CONTROLLER_PROGRESS, kControllerNameSize, 50},
+                    {EVENT_TYPE_USER, EVT_CONTROLLER_INSTALL_DONE, sizeof(TControllerReply), 1}},
+                   CUpdateController::eSucceeded,
+                   "update succeeded"},
+        THeardCase{"AnAbortAcknowledgedUnaskedIsStillReported",
+                   {kInitDone,
+                    kPrepared,
+                    {EVENT_TYPE_USER, EVT_CONTROLLER_ABORTED, sizeof(TControllerReply), 1},
+                    {EVENT_TYPE_USER, EVT_CONTROLLER_INSTALL_DONE, sizeof(TControllerReply), 1}},
+                   CUpdateController::eSucceeded,
+                   "update succeeded (abort acknowledged)"}),
+    [](const ::testing::TestParamInfo<THeardCase>& testCase) {
+        return std::string(testCase.param.name);
+    });
+
 }  // namespace

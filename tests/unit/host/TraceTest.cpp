@@ -41,10 +41,13 @@ TEST_F(TraceTest, ARequestCarriesItsNameText) {
     const std::string name = "modemloader";
     m_trace.Event(CTrace::TDirection::eIn, TEvent{3, 204, 11, name.data()});
     m_trace.Event(CTrace::TDirection::eIn, TEvent{3, 200, 0, nullptr});
+    // A size without the bytes it claims: the size is traced as given, no name is made up.
+    m_trace.Event(CTrace::TDirection::eIn, TEvent{3, 202, 11, nullptr});
     EXPECT_EQ(Lines(),
               (std::vector<std::string>{
                   R"({"kind":"event","dir":"in","type":3,"id":204,"size":11,"name":"modemloader"})",
-                  R"({"kind":"event","dir":"in","type":3,"id":200,"size":0})"}));
+                  R"({"kind":"event","dir":"in","type":3,"id":200,"size":0})",
+                  R"({"kind":"event","dir":"in","type":3,"id":202,"size":11})"}));
 }
 
 TEST_F(TraceTest, RepliesCarryTheirNameFieldAndOutcomeProgressItsPercent) {
