@@ -73,7 +73,8 @@ struct TGrammar {
         app.require_subcommand(0, 1);
         app.footer(
             "exit status: 0 update succeeded, 1 update failed, 2 usage, configuration or\n"
-            "plug-in error, 3 no result before the time-out");
+            "plug-in error, 3 no result before the time-out, 4 stopped by SIGINT or SIGTERM\n"
+            "before Install, 128+N a second signal N while stopping");
         update = app.add_subcommand(
             "update", "load the feature plug-in and drive one update: Init, Prepare, Install");
         update->allow_extras();

@@ -1,6 +1,9 @@
 #include "UpdateController.h"
 
+#include <algorithm>
 #include <cstring>
+
+#include "StopSignals.h"
 
 namespace {
 constexpr int32_t kRepliesHeard[] = {EVT_CONTROLLER_INIT_DONE, EVT_CONTROLLER_PREPARE_DONE,
@@ -92,14 +95,37 @@ void CUpdateController::Send(int32_t id, bool withName) {
     m_broker.Publish(event);
 }
 
-template <typename TPredicate>
-bool CUpdateController::WaitUntil(std::chrono::steady_clock::time_point deadline, TPredicate done) {
-    std::unique_lock<std::mutex> lock(m_mutex);
-    return m_replied.wait_until(lock, deadline, done);
+std::string CUpdateController::Stop(int signal) {
+    std::string what;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_stopSignal == 0) {
+            m_stopSignal = signal;
+        }
+        if (m_ended || m_installOutcome || (m_prepareOutcome && *m_prepareOutcome == 0)) {
+            what = "the update has ended; waiting for the feature's threads";
+        } else if (!m_installSent) {
+            what = "ending the update before Install";
+        } else if (m_abortSent) {
+            what = "Abort (207) was sent already; waiting for the feature's result";
+        } else {
+            what = "sending Abort (207) and waiting for the feature's result";
+        }
+    }
+    m_replied.notify_all();
+    return what;
 }
 
 CUpdateController::TExitCode CUpdateController::Run(const TSettings& settings,
                                                     std::string& summary) {
+    const TExitCode result = Converse(settings, summary);
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_ended = true;
+    return result;
+}
+
+CUpdateController::TExitCode CUpdateController::Converse(const TSettings& settings,
+                                                         std::string& summary) {
     const auto start = std::chrono::steady_clock::now();
     const auto deadline =
         start + std::chrono::duration_cast<std::chrono::steady_clock::duration>(settings.timeout);
@@ -109,36 +135,63 @@ CUpdateController::TExitCode CUpdateController::Run(const TSettings& settings,
         summary = std::string("timed out after ") + seconds + " s waiting for " + waitingFor;
         return eTimedOut;
     };
+    // Called with m_mutex held.
+    const auto stopped = [&] {
+        summary = "stopped by " + CStopSignals::Name(m_stopSignal) + " before Install";
+        return eStopped;
+    };
 
     Send(EVT_CONTROLLER_INIT, false);
-    if (!WaitUntil(deadline, [&] { return m_initDone; })) {
-        return timedOut("Init done (201)");
+    {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        if (!m_replied.wait_until(lock, deadline, [&] { return m_initDone || m_stopSignal; })) {
+            return timedOut("Init done (201)");
+        }
+        if (m_stopSignal) {
+            return stopped();
+        }
     }
     Send(EVT_CONTROLLER_PREPARE, true);
-    if (!WaitUntil(deadline, [&] { return m_prepareOutcome.has_value(); })) {
-        return timedOut("Prepare done (203)");
-    }
-    bool prepared = false;
     {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        prepared = *m_prepareOutcome != 0;
-    }
-    if (!prepared) {
-        summary = "update failed: Prepare reported failure";
-        return eFailed;
+        std::unique_lock<std::mutex> lock(m_mutex);
+        if (!m_replied.wait_until(lock, deadline,
+                                  [&] { return m_prepareOutcome.has_value() || m_stopSignal; })) {
+            return timedOut("Prepare done (203)");
+        }
+        if (m_prepareOutcome && *m_prepareOutcome == 0) {
+            summary = "update failed: Prepare reported failure";
+            return eFailed;
+        }
+        if (m_stopSignal) {
+            return stopped();
+        }
+        // From here a stop aborts the installation instead of ending the update.
+        m_installSent = true;
     }
     Send(EVT_CONTROLLER_INSTALL, true);
     const auto installed = std::chrono::steady_clock::now();
-    if (settings.abortAfter) {
-        const auto abortAt = std::min(deadline, installed + *settings.abortAfter);
-        if (!WaitUntil(abortAt, [&] { return m_installOutcome.has_value(); })) {
+    const auto abortAt =
+        settings.abortAfter ? std::min(deadline, installed + *settings.abortAfter) : deadline;
+    std::unique_lock<std::mutex> lock(m_mutex);
+    for (;;) {
+        // Abort is sent once: at the abort delay or on a stop, whichever comes first.
+        const auto until = settings.abortAfter && !m_abortSent ? abortAt : deadline;
+        m_replied.wait_until(lock, until, [&] {
+            return m_installOutcome.has_value() || (m_stopSignal && !m_abortSent);
+        });
+        if (m_installOutcome) {
+            break;
+        }
+        const bool abortDue = settings.abortAfter && std::chrono::steady_clock::now() >= abortAt;
+        if (!m_abortSent && (m_stopSignal || abortDue)) {
+            m_abortSent = true;
+            lock.unlock();
             Send(EVT_CONTROLLER_ABORT, true);
+            lock.lock();
+        } else if (std::chrono::steady_clock::now() >= deadline) {
+            return timedOut("Install done (205)");
         }
     }
-    if (!WaitUntil(deadline, [&] { return m_installOutcome.has_value(); })) {
-        return timedOut("Install done (205)");
-    }
-    std::lock_guard<std::mutex> lock(m_mutex);
     summary = *m_installOutcome != 0 ? "update succeeded" : "update failed";
     if (m_aborted) {
         summary += " (abort acknowledged)";

@@ -6,6 +6,10 @@
 // long after Install and the controller keeps waiting for 205 (the feature goes on working).
 // Progress (206) goes to the display. Requests are published from the calling thread; replies
 // arrive on the event-delivery thread.
+//
+// Stop (SIGINT or SIGTERM, from the host's signal watcher) before Install ends the update with
+// eStopped; after Install, with no result yet, Abort is sent (once) and the controller keeps
+// waiting for 205 up to its time-out, as with an abort delay.
 
 #include <chrono>
 #include <condition_variable>
@@ -19,7 +23,7 @@
 
 class CUpdateController : public IEventObserver {
 public:
-    enum TExitCode { eSucceeded = 0, eFailed = 1, eHostError = 2, eTimedOut = 3 };
+    enum TExitCode { eSucceeded = 0, eFailed = 1, eHostError = 2, eTimedOut = 3, eStopped = 4 };
 
     struct TSettings {
         std::chrono::duration<double> timeout{600.0};
@@ -37,11 +41,13 @@ public:
 
     void OnEvent(const TEvent& event) override;
 
+    // Asks the update to stop because of `signal`; callable from any thread. Returns what the
+    // stop does, in a few words, for the line on stderr.
+    std::string Stop(int signal);
+
 private:
+    TExitCode Converse(const TSettings& settings, std::string& summary);
     void Send(int32_t id, bool withName);
-    // Waits until `done` holds or `deadline` passes; true when it holds.
-    template <typename TPredicate>
-    bool WaitUntil(std::chrono::steady_clock::time_point deadline, TPredicate done);
 
     IEventBroker& m_broker;
     const std::string m_feature;
@@ -54,4 +60,8 @@ private:
     std::optional<int32_t> m_prepareOutcome;
     std::optional<int32_t> m_installOutcome;
     bool m_aborted = false;
+    bool m_installSent = false;
+    bool m_abortSent = false;
+    bool m_ended = false;  // Run has returned
+    int m_stopSignal = 0;  // the signal that asked for a stop, else 0
 };

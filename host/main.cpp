@@ -23,6 +23,7 @@
 #include "PluginLibrary.h"
 #include "ProcessThreads.h"
 #include "ProgressDisplay.h"
+#include "StopSignals.h"
 #include "Trace.h"
 #include "TracingCmdHandler.h"
 #include "TracingEventBroker.h"
@@ -87,6 +88,9 @@ int Info(const THostOptions& options) {
 class CNoInterfaces : public IInterfaceBroker {};
 
 int Update(const THostOptions& options) {
+    // Before any thread starts, so that every thread keeps SIGINT and SIGTERM blocked and only
+    // the stop-signal watcher reads them.
+    CStopSignals::Block();
     if (CStatus status = CheckTrusted(options, "configuration", options.configPath); !status) {
         return HostError(status.Message());
     }
@@ -154,7 +158,8 @@ int Update(const THostOptions& options) {
 
     // The host's own threads, before the broker's and the feature's: whatever runs beyond them
     // once the broker is stopped belongs to the feature.
-    const std::size_t hostThreads = CProcessThreads::Count();
+    // The stop-signal watcher, started once the controller exists, is the host's too.
+    const std::size_t hostThreads = CProcessThreads::Count() + 1;
     CEventBroker broker(std::chrono::milliseconds(config.tickMs), &ReportError);
     if (CStatus status = broker.Start(); !status) {
         return HostError(status.Message());
@@ -166,6 +171,13 @@ int Update(const THostOptions& options) {
                                              : CProgressDisplay::TMode::ePlain;
     CProgressDisplay progress(stdout, mode, config.feature);
     CUpdateController controller(broker, config.feature, trace, progress);
+    // After the controller, so that its watcher has ended before the controller goes.
+    CStopSignals stopSignals;
+    if (CStatus status =
+            stopSignals.Start([&controller](int signal) { return controller.Stop(signal); });
+        !status) {
+        return HostError(status.Message());
+    }
 
     CNoInterfaces interfaces;
     std::unique_ptr<IFeatureModule2> module(

@@ -97,6 +97,11 @@ pid_t ForkAndExec(const std::vector<std::string>& arguments,
     // copy and are never written, so the coverage report leaves it out.
     // GCOVR_EXCL_START
     if (child == 0) {
+        // A program starts with no signal blocked, whatever this thread blocks (the host program
+        // reads SIGINT and SIGTERM from a signalfd): the mask would otherwise survive exec.
+        sigset_t none;
+        ::sigemptyset(&none);
+        ::sigprocmask(SIG_SETMASK, &none, nullptr);
         if (setup.ownProcessGroup) {
             ::setpgid(0, 0);
         }

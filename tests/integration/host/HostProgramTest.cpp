@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 #include <pwd.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -13,6 +14,7 @@
 #include <regex>
 #include <sstream>
 
+#include "Await.h"
 #include "ChildProcess.h"
 #include "MountTable.h"
 #include "Prerequisite.h"
@@ -26,6 +28,13 @@ using nlohmann::json;
 using namespace std::chrono_literals;
 
 constexpr char kLogFile[] = "features/component/ModemLoader/src/ModemLoader";
+// Trace lines of requests the host has published, as they start.
+constexpr char kInstallSent[] = R"("dir":"in","type":3,"id":204,)";
+constexpr char kPrepareSent[] = R"("dir":"in","type":3,"id":202,)";
+constexpr char kAbortSent[] = R"("dir":"in","type":3,"id":207,)";
+constexpr char kStoppingOnSigterm[] =
+    "modemloader-host: stopping on SIGTERM; sending Abort (207) and waiting for the feature's "
+    "result; a second signal leaves at once\n";
 
 std::vector<json> ReadTrace(const std::string& path) {
     std::vector<json> lines;
@@ -138,6 +147,21 @@ protected:
     }
 
     std::vector<json> Trace() const { return ReadTrace(Path("trace.jsonl")); }
+
+    // The host in the background, to be signalled; its output goes to out.txt and err.txt here.
+    void StartHost(CChildProcess& host, std::vector<std::string> arguments) {
+        arguments.insert(arguments.begin(), MODEMLOADER_HOST);
+        TStartOptions options;
+        options.outputPath = Path("out.txt");
+        options.errorPath = Path("err.txt");
+        const CStatus started = host.Start(arguments, options);
+        ASSERT_TRUE(started) << started.Message();
+    }
+
+    // Awaits `text` in the file (the trace is written line by line as the update goes).
+    bool AwaitInFile(const std::string& name, const std::string& text) const {
+        return Await([&] { return ReadTestFile(Path(name)).find(text) != std::string::npos; });
+    }
 
     CTemporaryDirectory m_directory;
 };
@@ -701,6 +725,66 @@ TEST_F(HostProgramTest, AFeatureThatNeverFinishesTimesOutWithExitThree) {
     EXPECT_EQ(result.out, "");
 }
 
+TEST_F(HostProgramTest, ASignalAfterInstallSendsAbortAndKeepsWaitingUpToTheTimeOut) {
+    const std::string config = WriteConfig();
+    CChildProcess host;
+    StartHost(host, {"update", "--config", config, "--plugin", SILENT_FEATURE_PLUGIN, "--trace",
+                     Path("trace.jsonl"), "--timeout", "3", "--quiet"});
+    ASSERT_TRUE(AwaitInFile("trace.jsonl", kInstallSent));
+    ASSERT_TRUE(host.Signal(SIGTERM));
+    const std::optional<TChildExit> exit = host.Wait(30s);
+    ASSERT_TRUE(exit) << "the host never ended";
+    EXPECT_EQ(exit->exitCode, 3);
+    EXPECT_EQ(ReadTestFile(Path("err.txt")),
+              std::string(kStoppingOnSigterm) +
+                  "modemloader-host: timed out after 3 s waiting for Install done (205)\n");
+    EXPECT_EQ(Summaries(Trace()),
+              (std::vector<std::string>{"in 200", "out 201", "in 202", "out 203 outcome 1",
+                                        "in 204", "in 207"}));
+}
+
+TEST_F(HostProgramTest, ASecondSignalWhileStoppingLeavesAtOnce) {
+    const std::string config = WriteConfig();
+    CChildProcess host;
+    // The default time-out (600 s): only the second signal can end this run in time.
+    StartHost(host, {"update", "--config", config, "--plugin", SILENT_FEATURE_PLUGIN, "--trace",
+                     Path("trace.jsonl"), "--quiet"});
+    ASSERT_TRUE(AwaitInFile("trace.jsonl", kInstallSent));
+    ASSERT_TRUE(host.Signal(SIGTERM));
+    ASSERT_TRUE(AwaitInFile("err.txt", kStoppingOnSigterm));
+    ASSERT_TRUE(AwaitInFile("trace.jsonl", kAbortSent));
+    ASSERT_TRUE(host.Signal(SIGINT));
+    const std::optional<TChildExit> exit = host.Wait(20s);
+    ASSERT_TRUE(exit) << "the second signal did not end the host";
+    EXPECT_EQ(exit->exitCode, 128 + SIGINT);
+    EXPECT_EQ(ReadTestFile(Path("err.txt")),
+              std::string(kStoppingOnSigterm) +
+                  "modemloader-host: SIGINT while stopping; leaving at once without waiting for "
+                  "the feature\n");
+    EXPECT_EQ(ReadTestFile(Path("out.txt")), "");
+    EXPECT_EQ(Summaries(Trace()),
+              (std::vector<std::string>{"in 200", "out 201", "in 202", "out 203 outcome 1",
+                                        "in 204", "in 207"}));
+}
+
+TEST_F(HostProgramTest, ASignalBeforeInstallEndsTheUpdateWithExitFour) {
+    const std::string config = WriteConfig({{"prepare", "never"}});
+    CChildProcess host;
+    StartHost(host, {"update", "--config", config, "--plugin", SILENT_FEATURE_PLUGIN, "--trace",
+                     Path("trace.jsonl")});
+    ASSERT_TRUE(AwaitInFile("trace.jsonl", kPrepareSent));
+    ASSERT_TRUE(host.Signal(SIGINT));
+    const std::optional<TChildExit> exit = host.Wait(20s);
+    ASSERT_TRUE(exit) << "the host never ended";
+    EXPECT_EQ(exit->exitCode, 4);
+    EXPECT_EQ(ReadTestFile(Path("err.txt")),
+              "modemloader-host: stopping on SIGINT; ending the update before Install; a second "
+              "signal leaves at once\n");
+    const std::string out = ReadTestFile(Path("out.txt"));
+    EXPECT_EQ(out.rfind("modemloader: stopped by SIGINT before Install (", 0), 0u) << out;
+    EXPECT_EQ(Summaries(Trace()), (std::vector<std::string>{"in 200", "out 201", "in 202"}));
+}
+
 // The fake-loader path on a real storage: an ext4 image, made here, whose revision file already
 // holds the configured revision, loop-mounted by the host's file handler.
 class HostProgramStorageTest : public HostProgramTest {
@@ -841,6 +925,37 @@ TEST_F(HostProgramStorageTest, AbortIsAcknowledgedAndTheInstallationStillComplet
     EXPECT_EQ(std::count_if(summaries.begin(), summaries.end(),
                             [](const std::string& line) { return line.rfind("out 206", 0) == 0; }),
               20);
+}
+
+TEST_F(HostProgramStorageTest, AFirstSignalAfterInstallAbortsAndTheResultStillCounts) {
+    const std::string config = WriteStorageConfig();
+    CChildProcess host;
+    // Twenty ticks of 100 ms leave the fake loader two seconds to be signalled in.
+    StartHost(host, {"update", "--config", config, "--plugin", MODEMLOADER_PLUGIN, "--trace",
+                     Path("trace.jsonl"), "--tick-ms", "100"});
+    ASSERT_TRUE(AwaitInFile("trace.jsonl", kInstallSent));
+    ASSERT_TRUE(host.Signal(SIGTERM));
+    const std::optional<TChildExit> exit = host.Wait(30s);
+    ASSERT_TRUE(exit) << "the host never ended";
+    EXPECT_EQ(exit->exitCode, 0) << ReadTestFile(Path("err.txt"));
+
+    const std::string err = ReadTestFile(Path("err.txt"));
+    const std::size_t line = err.find(kStoppingOnSigterm);
+    ASSERT_NE(line, std::string::npos) << err;
+    EXPECT_TRUE(line == 0 || err[line - 1] == '\n') << err;
+    const std::vector<std::string> summaries = Summaries(Trace());
+    const auto position = [&](const std::string& summary) {
+        return std::find(summaries.begin(), summaries.end(), summary) - summaries.begin();
+    };
+    EXPECT_EQ(std::count(summaries.begin(), summaries.end(), "in 207"), 1)
+        << ::testing::PrintToString(summaries);
+    EXPECT_LT(position("in 204"), position("in 207"));
+    EXPECT_LT(position("in 207"), position("out 208 outcome 1"));
+    EXPECT_LT(position("out 208 outcome 1"), position("out 205 outcome 1"));
+    EXPECT_EQ(summaries.back(), "out 205 outcome 1");
+    const std::string out = ReadTestFile(Path("out.txt"));
+    EXPECT_NE(out.find("\nmodemloader: update succeeded (abort acknowledged) ("), std::string::npos)
+        << out;
 }
 
 }  // namespace

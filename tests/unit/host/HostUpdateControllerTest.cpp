@@ -2,6 +2,7 @@
 // sends, in order, and the exit status each answer leads to.
 
 #include <gtest/gtest.h>
+#include <signal.h>
 
 #include <cstring>
 #include <functional>
@@ -259,5 +260,60 @@ INSTANTIATE_TEST_SUITE_P(
     [](const ::testing::TestParamInfo<THeardCase>& testCase) {
         return std::string(testCase.param.name);
     });
+
+// A stop comes from the host's signal watcher, on a thread of its own; here it comes from the
+// delivery thread, at a known point of the conversation.
+TEST_F(HostUpdateControllerTest, AStopBeforeInstallEndsTheUpdateWithoutInstalling) {
+    std::string what;
+    CScriptedFeature feature(m_broker, [&](CScriptedFeature& self, int32_t id) {
+        if (id == 200) self.InitDone();
+        if (id == 202) {
+            what = m_controller.Stop(SIGTERM);
+            self.Reply(203, 1);
+        }
+    });
+    EXPECT_EQ(Run(), CUpdateController::eStopped);
+    EXPECT_EQ(what, "ending the update before Install");
+    EXPECT_EQ(feature.Requests(), (std::vector<std::string>{"200", "202 modemloader"}));
+    EXPECT_EQ(m_summary, "stopped by SIGTERM before Install");
+    EXPECT_EQ(m_controller.Stop(SIGINT), "the update has ended; waiting for the feature's threads");
+}
+
+TEST_F(HostUpdateControllerTest, AStopAfterInstallSendsAbortAndAwaitsTheResult) {
+    std::string what;
+    CScriptedFeature feature(m_broker, [&](CScriptedFeature& self, int32_t id) {
+        if (id == 200) self.InitDone();
+        if (id == 202) self.Reply(203, 1);
+        if (id == 204) what = m_controller.Stop(SIGINT);
+        if (id == 207) {
+            self.Reply(208, 1);
+            self.Reply(205, 0);  // the work went on, and failed
+        }
+    });
+    EXPECT_EQ(Run(), CUpdateController::eFailed);
+    EXPECT_EQ(what, "sending Abort (207) and waiting for the feature's result");
+    EXPECT_EQ(feature.Requests(), (std::vector<std::string>{"200", "202 modemloader",
+                                                            "204 modemloader", "207 modemloader"}));
+    EXPECT_EQ(m_summary, "update failed (abort acknowledged)");
+}
+
+TEST_F(HostUpdateControllerTest, AStopAfterTheAbortDelaySendsNoSecondAbort) {
+    std::string what;
+    CScriptedFeature feature(m_broker, [&](CScriptedFeature& self, int32_t id) {
+        if (id == 200) self.InitDone();
+        if (id == 202) self.Reply(203, 1);
+        if (id == 207) {
+            what = m_controller.Stop(SIGTERM);
+            self.Reply(208, 1);
+            self.Reply(205, 1);
+        }
+    });
+    CUpdateController::TSettings settings;
+    settings.abortAfter = 0ms;
+    EXPECT_EQ(Run(settings), CUpdateController::eSucceeded);
+    EXPECT_EQ(what, "Abort (207) was sent already; waiting for the feature's result");
+    EXPECT_EQ(feature.Requests(), (std::vector<std::string>{"200", "202 modemloader",
+                                                            "204 modemloader", "207 modemloader"}));
+}
 
 }  // namespace
