@@ -114,10 +114,13 @@ TEST_F(LinuxEventBrokerTest, SubscriptionsMatchOnTypeAndIdOnly) {
     ASSERT_TRUE(m_broker.Publish(UserEvent(205, "matches")));
     ASSERT_TRUE(m_broker.Publish(UserEvent(204, "other id")));
     ASSERT_TRUE(m_broker.Publish(TEvent{5, 205, 0, nullptr}));
+    // A size without data carries no payload.
+    ASSERT_TRUE(m_broker.Publish(TEvent{EVENT_TYPE_USER, 205, 4, nullptr}));
     ASSERT_TRUE(m_broker.Publish(UserEvent(1, "sentinel")));
     ASSERT_TRUE(sentinel.Await(1));
 
-    EXPECT_EQ(observer.Payloads(), std::vector<std::string>{"matches"});
+    EXPECT_EQ(observer.Payloads(), (std::vector<std::string>{"matches", ""}));
+    EXPECT_EQ(observer.Deliveries()[1].size, 0u);
 }
 
 TEST_F(LinuxEventBrokerTest, ASecondSubscriptionOfTheSamePairIsRefused) {
@@ -125,6 +128,11 @@ TEST_F(LinuxEventBrokerTest, ASecondSubscriptionOfTheSamePairIsRefused) {
     CRecordingObserver sentinel;
     EXPECT_TRUE(m_broker.Subscribe(Filter(201), observer));
     EXPECT_FALSE(m_broker.Subscribe(Filter(201), observer));
+    // Neither the same observer of another id nor another observer of the same id is a second.
+    CRecordingObserver other;
+    EXPECT_TRUE(m_broker.Subscribe(Filter(202), observer));
+    EXPECT_TRUE(m_broker.Subscribe(Filter(201), other));
+    EXPECT_TRUE(m_broker.Subscribe(TEvent{5, 201, 0, nullptr}, observer));
     ASSERT_TRUE(m_broker.Subscribe(Filter(1), sentinel));
     const auto running = Start();
 
@@ -227,7 +235,13 @@ TEST_F(LinuxEventBrokerTest, AnUnsubscribedObserverReceivesNothingMore) {
 }
 
 TEST_F(LinuxEventBrokerTest, AnObserverThatThrowsIsReportedAndDeliveryGoesOn) {
-    CRecordingObserver thrower([](const TEvent&) { throw std::runtime_error("serial line gone"); });
+    CRecordingObserver thrower([](const TEvent& event) {
+        // What it throws need not be an exception class.
+        if (event.size == 3) {
+            throw std::runtime_error("serial line gone");
+        }
+        throw 42;
+    });
     CRecordingObserver next;
     ASSERT_TRUE(m_broker.Subscribe(Filter(205), thrower));
     ASSERT_TRUE(m_broker.Subscribe(Filter(205), next));
@@ -235,11 +249,14 @@ TEST_F(LinuxEventBrokerTest, AnObserverThatThrowsIsReportedAndDeliveryGoesOn) {
 
     ASSERT_TRUE(m_broker.Publish(UserEvent(205, "one")));
     ASSERT_TRUE(m_broker.Publish(UserEvent(205, "two")));
-    ASSERT_TRUE(next.Await(2));
-    EXPECT_EQ(next.Payloads(), (std::vector<std::string>{"one", "two"}));
+    ASSERT_TRUE(m_broker.Publish(UserEvent(205, "three")));
+    ASSERT_TRUE(next.Await(3));
+    EXPECT_EQ(next.Payloads(), (std::vector<std::string>{"one", "two", "three"}));
     EXPECT_EQ(Errors(),
-              std::vector<std::string>(
-                  2, "event broker: observer of event type 3 id 205 threw: serial line gone"));
+              (std::vector<std::string>{
+                  "event broker: observer of event type 3 id 205 threw: serial line gone",
+                  "event broker: observer of event type 3 id 205 threw: serial line gone",
+                  "event broker: observer of event type 3 id 205 threw an unknown exception"}));
 }
 
 TEST(LinuxEventBrokerReporter, WithoutAReporterAThrowingObserverIsReportedOnStderr) {
