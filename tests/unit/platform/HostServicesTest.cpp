@@ -156,4 +156,11 @@ TEST(HostServicesLogTest, WithoutALogARecordGoesNowhereAndAnInstalledOneGetsTheN
     EXPECT_EQ(after[0].text, "third");
 }
 
+TEST(HostServicesLogTest, CategoriesAndChannelsAreNamedAsTheLogLinesShowThem) {
+    EXPECT_STREQ(logging::IControl::CategoryName(logging::categories::Error), "Error");
+    EXPECT_STREQ(logging::IControl::CategoryName(logging::categories::Always), "Always");
+    EXPECT_STREQ(logging::IControl::ChannelName(logging::ModemLoader), "ModemLoader");
+    EXPECT_STREQ(logging::IControl::ChannelName(logging::Platform), "Platform");
+}
+
 }  // namespace

@@ -7,6 +7,7 @@
 #include <future>
 #include <set>
 #include <stdexcept>
+#include <thread>
 
 #include "DescriptorLimit.h"
 #include "Descriptors.h"
@@ -274,6 +275,32 @@ TEST(LinuxEventBrokerReporter, WithoutAReporterAThrowingObserverIsReportedOnStde
               "event broker: observer of event type 3 id 205 threw: no modem\n");
 }
 
+// The host stopping while an event is being delivered: the observers of that event not yet
+// reached get nothing more.
+TEST_F(LinuxEventBrokerTest, AStopDuringADeliveryReachesNoFurtherObserverOfThatEvent) {
+    std::thread stopper;
+    std::promise<void> stopping;
+    CRecordingObserver first([&](const TEvent&) {
+        stopper = std::thread([this] { m_broker.Stop(); });
+        // Publishing is refused from the moment the stop has begun.
+        while (m_broker.Publish(UserEvent(9, ""))) {
+            std::this_thread::yield();
+        }
+        stopping.set_value();
+    });
+    CRecordingObserver second;
+    ASSERT_TRUE(m_broker.Subscribe(Filter(210), first));
+    ASSERT_TRUE(m_broker.Subscribe(Filter(210), second));
+    const auto running = Start();
+
+    ASSERT_TRUE(m_broker.Publish(UserEvent(210, "last")));
+    stopping.get_future().wait();
+    stopper.join();  // the delivery thread has ended
+    EXPECT_EQ(first.Payloads(), std::vector<std::string>{"last"});
+    EXPECT_TRUE(second.Deliveries().empty());
+    EXPECT_TRUE(Errors().empty());
+}
+
 TEST_F(LinuxEventBrokerTest, AfterStopNothingIsDeliveredAndPublishIsRefused) {
     CRecordingObserver observer;
     ASSERT_TRUE(m_broker.Subscribe(Filter(200), observer));
@@ -307,6 +334,7 @@ TEST_F(LinuxEventBrokerTest, UnsubscribingWhatWasNeverSubscribedIsRefused) {
     ASSERT_TRUE(m_broker.Subscribe(Filter(200), observer));
     EXPECT_FALSE(m_broker.Unsubscribe(Filter(201), observer));
     EXPECT_FALSE(m_broker.Unsubscribe(Filter(200), other));
+    EXPECT_FALSE(m_broker.Unsubscribe(TEvent{5, 200, 0, nullptr}, observer));
     EXPECT_TRUE(m_broker.Unsubscribe(Filter(200), observer));
     EXPECT_FALSE(m_broker.Unsubscribe(Filter(200), observer));
 }
