@@ -9,6 +9,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <optional>
 #include <regex>
 #include <set>
 #include <string>
@@ -168,6 +169,14 @@ TEST(ChildProcessTest, OutputLargerThanAPipeHoldsIsCapturedWholeFromBothStreams)
     EXPECT_EQ(result.err, std::string(200000, 'e'));
 }
 
+TEST(ChildProcessTest, TheDescriptionOfAFailedRunHoldsItsExitCodeAndBothStreams) {
+    const TChildResult result =
+        CChildProcess::Run({"sh", "-c", "echo written; echo refused >&2; exit 3"});
+    EXPECT_TRUE(result.started);
+    EXPECT_EQ(result.exitCode, 3);
+    EXPECT_EQ(Describe(result), "exit code 3\n--- stdout:\nwritten\n\n--- stderr:\nrefused\n");
+}
+
 TEST(ChildProcessTest, AProgramThatOutlivesItsTimeOutIsKilledAndSaysSo) {
     const std::set<int> before = OpenDescriptors();
     TChildOptions options;
@@ -301,6 +310,33 @@ TEST(ChildProcessBackgroundTest, ACopyOfThisProcessEndsWithItsBodysResult) {
     ASSERT_TRUE(child.StartCopy([] { return 7; }));
     const TChildExit exit = child.WaitToEnd();
     EXPECT_EQ(exit.exitCode, 7);
+}
+
+// A host out of descriptors can still start a copy of itself (fork needs none) but gets no
+// process descriptor for it: waiting then looks for the child's end again and again until the
+// time-out, and still sees it end.
+TEST(ChildProcessBackgroundTest, WithoutAProcessDescriptorAWaitStillEndsOnTimeOrOnTheExit) {
+    const std::set<int> before = OpenDescriptors();
+    CChildProcess child;
+    {
+        CDescriptorLimit limit(0);
+        ASSERT_TRUE(limit.Lowered());
+        ASSERT_TRUE(child.StartCopy([] {
+            ::pause();
+            return 0;
+        }));
+    }
+    EXPECT_EQ(OpenDescriptors(), before);  // no process descriptor held
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_FALSE(child.Wait(50ms));
+    EXPECT_GE(std::chrono::steady_clock::now() - start, 50ms);
+    EXPECT_TRUE(child.IsRunning());
+    ASSERT_TRUE(child.Signal(SIGTERM));
+    const std::optional<TChildExit> exit = child.Wait(10s);
+    ASSERT_TRUE(exit);
+    EXPECT_EQ(exit->signal, SIGTERM);
+    EXPECT_FALSE(child.IsRunning());
+    EXPECT_TRUE(NoChildLeft());
 }
 
 TEST(ChildProcessBackgroundTest, WithoutAChildThereIsNothingToSignalOrReap) {

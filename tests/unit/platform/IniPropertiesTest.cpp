@@ -39,6 +39,7 @@ TEST(IniPropertiesTest, EachSectionHoldsTheKeysOfOneFeature) {
     EXPECT_EQ(properties.SectionNames(),
               (std::vector<std::string>{"host", "modemloader", "navigation"}));
     EXPECT_EQ(properties.Section("host"), (CIniProperties::TSection{{"tick_ms", "10"}}));
+    EXPECT_EQ(properties.Section("nosuchfeature"), CIniProperties::TSection());
 }
 
 TEST(IniPropertiesTest, KeysAreExactCommentsAreSkippedAndTheLastValueWins) {

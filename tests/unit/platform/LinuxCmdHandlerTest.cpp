@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "ChildProcess.h"
+#include "DescriptorLimit.h"
 #include "Descriptors.h"
 #include "InstalledBackend.h"
 #include "LinuxCmdHandler.h"
@@ -74,6 +75,25 @@ TEST(LinuxCmdHandlerTest, ANullLineFails) {
     const std::vector<TLogEntry> expected{
         {logging::categories::Error, "SystemCmd", "no command line given\n"}};
     EXPECT_EQ(capture.Entries(), expected);
+}
+
+// A host that has used up its descriptors: the shell cannot even be started, and the record
+// names the line and the call that failed.
+TEST(LinuxCmdHandlerTest, WithoutDescriptorsLeftTheLineFailsWithARecordNamingIt) {
+    const std::set<int> before = OpenDescriptors();
+    CLogCapture capture;
+    int result = 0;
+    {
+        CDescriptorLimit limit(0);
+        ASSERT_TRUE(limit.Lowered());
+        result = RunLine("echo never");
+    }
+    EXPECT_EQ(result, -1);
+    const std::vector<TLogEntry> expected{
+        {logging::categories::Error, "SystemCmd",
+         "command line 'echo never': pipe: Too many open files\n"}};
+    EXPECT_EQ(capture.Entries(), expected);
+    EXPECT_EQ(OpenDescriptors(), before);
 }
 
 // A device whose shell is gone (a damaged root file system): the command cannot run at all. Made

@@ -7,6 +7,7 @@
 #include <future>
 #include <set>
 #include <stdexcept>
+#include <thread>
 
 #include "DescriptorLimit.h"
 #include "Descriptors.h"
@@ -114,10 +115,13 @@ TEST_F(LinuxEventBrokerTest, SubscriptionsMatchOnTypeAndIdOnly) {
     ASSERT_TRUE(m_broker.Publish(UserEvent(205, "matches")));
     ASSERT_TRUE(m_broker.Publish(UserEvent(204, "other id")));
     ASSERT_TRUE(m_broker.Publish(TEvent{5, 205, 0, nullptr}));
+    // A size without data carries no payload.
+    ASSERT_TRUE(m_broker.Publish(TEvent{EVENT_TYPE_USER, 205, 4, nullptr}));
     ASSERT_TRUE(m_broker.Publish(UserEvent(1, "sentinel")));
     ASSERT_TRUE(sentinel.Await(1));
 
-    EXPECT_EQ(observer.Payloads(), std::vector<std::string>{"matches"});
+    EXPECT_EQ(observer.Payloads(), (std::vector<std::string>{"matches", ""}));
+    EXPECT_EQ(observer.Deliveries()[1].size, 0u);
 }
 
 TEST_F(LinuxEventBrokerTest, ASecondSubscriptionOfTheSamePairIsRefused) {
@@ -125,6 +129,11 @@ TEST_F(LinuxEventBrokerTest, ASecondSubscriptionOfTheSamePairIsRefused) {
     CRecordingObserver sentinel;
     EXPECT_TRUE(m_broker.Subscribe(Filter(201), observer));
     EXPECT_FALSE(m_broker.Subscribe(Filter(201), observer));
+    // Neither the same observer of another id nor another observer of the same id is a second.
+    CRecordingObserver other;
+    EXPECT_TRUE(m_broker.Subscribe(Filter(202), observer));
+    EXPECT_TRUE(m_broker.Subscribe(Filter(201), other));
+    EXPECT_TRUE(m_broker.Subscribe(TEvent{5, 201, 0, nullptr}, observer));
     ASSERT_TRUE(m_broker.Subscribe(Filter(1), sentinel));
     const auto running = Start();
 
@@ -227,7 +236,13 @@ TEST_F(LinuxEventBrokerTest, AnUnsubscribedObserverReceivesNothingMore) {
 }
 
 TEST_F(LinuxEventBrokerTest, AnObserverThatThrowsIsReportedAndDeliveryGoesOn) {
-    CRecordingObserver thrower([](const TEvent&) { throw std::runtime_error("serial line gone"); });
+    CRecordingObserver thrower([](const TEvent& event) {
+        // What it throws need not be an exception class.
+        if (event.size == 3) {
+            throw std::runtime_error("serial line gone");
+        }
+        throw 42;
+    });
     CRecordingObserver next;
     ASSERT_TRUE(m_broker.Subscribe(Filter(205), thrower));
     ASSERT_TRUE(m_broker.Subscribe(Filter(205), next));
@@ -235,11 +250,14 @@ TEST_F(LinuxEventBrokerTest, AnObserverThatThrowsIsReportedAndDeliveryGoesOn) {
 
     ASSERT_TRUE(m_broker.Publish(UserEvent(205, "one")));
     ASSERT_TRUE(m_broker.Publish(UserEvent(205, "two")));
-    ASSERT_TRUE(next.Await(2));
-    EXPECT_EQ(next.Payloads(), (std::vector<std::string>{"one", "two"}));
+    ASSERT_TRUE(m_broker.Publish(UserEvent(205, "three")));
+    ASSERT_TRUE(next.Await(3));
+    EXPECT_EQ(next.Payloads(), (std::vector<std::string>{"one", "two", "three"}));
     EXPECT_EQ(Errors(),
-              std::vector<std::string>(
-                  2, "event broker: observer of event type 3 id 205 threw: serial line gone"));
+              (std::vector<std::string>{
+                  "event broker: observer of event type 3 id 205 threw: serial line gone",
+                  "event broker: observer of event type 3 id 205 threw: serial line gone",
+                  "event broker: observer of event type 3 id 205 threw an unknown exception"}));
 }
 
 TEST(LinuxEventBrokerReporter, WithoutAReporterAThrowingObserverIsReportedOnStderr) {
@@ -255,6 +273,32 @@ TEST(LinuxEventBrokerReporter, WithoutAReporterAThrowingObserverIsReportedOnStde
     broker.Stop();
     EXPECT_EQ(::testing::internal::GetCapturedStderr(),
               "event broker: observer of event type 3 id 205 threw: no modem\n");
+}
+
+// The host stopping while an event is being delivered: the observers of that event not yet
+// reached get nothing more.
+TEST_F(LinuxEventBrokerTest, AStopDuringADeliveryReachesNoFurtherObserverOfThatEvent) {
+    std::thread stopper;
+    std::promise<void> stopping;
+    CRecordingObserver first([&](const TEvent&) {
+        stopper = std::thread([this] { m_broker.Stop(); });
+        // Publishing is refused from the moment the stop has begun.
+        while (m_broker.Publish(UserEvent(9, ""))) {
+            std::this_thread::yield();
+        }
+        stopping.set_value();
+    });
+    CRecordingObserver second;
+    ASSERT_TRUE(m_broker.Subscribe(Filter(210), first));
+    ASSERT_TRUE(m_broker.Subscribe(Filter(210), second));
+    const auto running = Start();
+
+    ASSERT_TRUE(m_broker.Publish(UserEvent(210, "last")));
+    stopping.get_future().wait();
+    stopper.join();  // the delivery thread has ended
+    EXPECT_EQ(first.Payloads(), std::vector<std::string>{"last"});
+    EXPECT_TRUE(second.Deliveries().empty());
+    EXPECT_TRUE(Errors().empty());
 }
 
 TEST_F(LinuxEventBrokerTest, AfterStopNothingIsDeliveredAndPublishIsRefused) {
@@ -290,6 +334,7 @@ TEST_F(LinuxEventBrokerTest, UnsubscribingWhatWasNeverSubscribedIsRefused) {
     ASSERT_TRUE(m_broker.Subscribe(Filter(200), observer));
     EXPECT_FALSE(m_broker.Unsubscribe(Filter(201), observer));
     EXPECT_FALSE(m_broker.Unsubscribe(Filter(200), other));
+    EXPECT_FALSE(m_broker.Unsubscribe(TEvent{5, 200, 0, nullptr}, observer));
     EXPECT_TRUE(m_broker.Unsubscribe(Filter(200), observer));
     EXPECT_FALSE(m_broker.Unsubscribe(Filter(200), observer));
 }

@@ -135,7 +135,10 @@ TEST_F(LinuxSerialPortTest, ReadNeverReturnsMoreThanAskedFor) {
     ASSERT_TRUE(port);
     WriteFromModem("0123456789");
     unsigned char buffer[4] = {};
-    uint32_t got = 0;
+    uint32_t got = 9;
+    // Asked for nothing, it takes nothing and does not wait.
+    EXPECT_EQ(port->Read(buffer, 0, got), 0);
+    EXPECT_EQ(got, 0u);
     EXPECT_EQ(port->Read(buffer, 3, got), 0);
     EXPECT_EQ(got, 3u);
     EXPECT_EQ(std::string(reinterpret_cast<const char*>(buffer), 3), "012");
@@ -312,6 +315,13 @@ TEST(LinuxSerialPortFactoryTest, ReportsWhyAPortCouldNotBeMadeAndYieldsNull) {
     EXPECT_EQ(port, nullptr);
     EXPECT_EQ(errors, std::vector<std::string>{
                           "serial port /dev/nonexistent-tty: open: No such file or directory"});
+}
+
+TEST(LinuxSerialPortFactoryTest, WithoutAReporterAPortThatCannotBeMadeIsOnlyNull) {
+    CLinuxSerialPortFactory factory(10ms, nullptr);
+    ::testing::internal::CaptureStderr();
+    EXPECT_EQ(factory.Create("/dev/nonexistent-tty", 115200, 0), nullptr);
+    EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
 }
 
 TEST_F(LinuxSerialPortTest, TheFactoryMakesAWorkingPortForTheStaticCreate) {
