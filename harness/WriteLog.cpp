@@ -15,16 +15,19 @@ constexpr std::size_t kHeaderBytes = 4 * 8;
 // Copies in slices of this size, so that a large write does not need its size in memory.
 constexpr std::size_t kCopySlice = 1u << 20;
 
-uint64_t Little64(const unsigned char* bytes) {
+// The little-endian number in the `count` bytes at `bytes` (no byte past them is read).
+uint64_t LittleEndian(const unsigned char* bytes, int count) {
     uint64_t value = 0;
-    for (int byte = 7; byte >= 0; --byte) {
+    for (int byte = count - 1; byte >= 0; --byte) {
         value = (value << 8) | bytes[byte];
     }
     return value;
 }
 
+uint64_t Little64(const unsigned char* bytes) { return LittleEndian(bytes, 8); }
+
 uint32_t Little32(const unsigned char* bytes) {
-    return static_cast<uint32_t>(Little64(bytes) & 0xffffffffu);
+    return static_cast<uint32_t>(LittleEndian(bytes, 4));
 }
 
 CStatus ReadExactly(int descriptor, void* into, std::size_t count, uint64_t offset,
