@@ -1,6 +1,7 @@
 // The Linux file handler on the real file system: result codes, copies, and ext4 storage images
 // mounted through loop devices that never outlive their mount.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -172,6 +173,21 @@ TEST_F(LinuxFileHandlerTest, StreamsWriteReadAndReadLinesAsStdio) {
     EXPECT_EQ(std::string(rest), "rest");
     EXPECT_EQ(IFileHandler::FGets(line, sizeof line, in), nullptr);
     EXPECT_EQ(IFileHandler::FClose(in), 0);
+}
+
+// A command another thread forks while a stream is open must not inherit its descriptor: on a
+// mounted storage the child would keep the mount busy until it exits, failing the next unmount.
+TEST_F(LinuxFileHandlerTest, StreamsOfEveryModeAreClosedOnExec) {
+    for (const char* mode : {"r", "r+", "rb", "a", "a+", "w", "w+", "wb"}) {
+        SCOPED_TRACE(mode);
+        ASSERT_TRUE(m_directory.WriteFile("revision", "R12\n"));
+        FILE* stream = IFileHandler::FOpen(Bytes(Path("revision")), mode);
+        ASSERT_NE(stream, nullptr);
+        const int flags = fcntl(fileno(stream), F_GETFD);
+        EXPECT_EQ(IFileHandler::FClose(stream), 0);
+        ASSERT_GE(flags, 0);
+        EXPECT_NE(flags & FD_CLOEXEC, 0);
+    }
 }
 
 TEST_F(LinuxFileHandlerTest, FOpenOfAMissingFileForReadingIsNull) {
