@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -15,6 +16,7 @@
 #include <sstream>
 
 #include "ChildProcess.h"
+#include "Descriptors.h"
 #include "InstalledBackend.h"
 #include "LinuxFileHandler.h"
 #include "LoopDevice.h"
@@ -188,6 +190,28 @@ TEST_F(LinuxFileHandlerTest, StreamsOfEveryModeAreClosedOnExec) {
         ASSERT_GE(flags, 0);
         EXPECT_NE(flags & FD_CLOEXEC, 0);
     }
+}
+
+// A command started while a stream is open holds nothing in the stream's folder: only this
+// process does, so a storage the command runs beside can still be unmounted once it closes.
+TEST_F(LinuxFileHandlerTest, ACommandStartedWhileAStreamIsOpenHoldsNoneOfItsFiles) {
+    ASSERT_TRUE(m_directory.WriteFile("revision", "R12\n"));
+    FILE* stream = IFileHandler::FOpen(Bytes(Path("revision")), "r");
+    ASSERT_NE(stream, nullptr);
+    CChildProcess command;
+    const CStatus started = command.Start({"sleep", "30"}, TStartOptions());
+    const std::string holders = HoldersOf(m_directory.Path());
+    const int descriptor = fileno(stream);
+    EXPECT_EQ(IFileHandler::FClose(stream), 0);
+    ASSERT_TRUE(started) << started.Message();
+    command.Signal(SIGKILL);
+    command.WaitToEnd();
+    std::ifstream comm("/proc/self/comm");
+    std::string name;
+    std::getline(comm, name);
+    EXPECT_EQ(holders, "pid " + std::to_string(getpid()) + " (" + name + "): fd " +
+                           std::to_string(descriptor) + " -> " + Path("revision") + "\n");
+    EXPECT_EQ(HoldersOf(m_directory.Path()), "");
 }
 
 TEST_F(LinuxFileHandlerTest, FOpenOfAMissingFileForReadingIsNull) {
