@@ -285,7 +285,12 @@ FILE* CLinuxFileHandler::FOpen(const unsigned char* path, const char* mode) {
     if (ReplacesContent(modeText) && (!exists || S_ISREG(existing.st_mode))) {
         file = OpenReplacing(name, modeText.c_str(), opened);
     } else {
-        file = fopen(name.c_str(), modeText.c_str());
+        // Close-on-exec ("e"): another thread of this process may fork a command at any moment,
+        // and a child that inherits a descriptor on a mounted storage keeps the storage busy
+        // until it exits, so the next unmount fails. An empty mode stays empty, for fopen to
+        // refuse.
+        const std::string openMode = modeText.empty() ? modeText : modeText + "e";
+        file = fopen(name.c_str(), openMode.c_str());
         if (file == nullptr) {
             // A missing file opened for reading answers a question (is a revision stored?);
             // it is not a fault of the storage.

@@ -38,6 +38,7 @@
 
 #include "Await.h"
 #include "ChildProcess.h"
+#include "Descriptors.h"
 #include "ModemProcess.h"
 #include "Prerequisite.h"
 #include "SimulatedDevice.h"
@@ -491,7 +492,13 @@ protected:
     // `leftMounted`: the killed host left the storage mounted.
     static void CheckRerun(CPointChecks& checks, const CSimulatedDevice& device,
                            const TUpdateResult& rerun, bool leftMounted) {
-        checks.Check(rerun.exitCode == 0, "the rerun succeeds", DescribeUpdate(rerun));
+        // A failed rerun also names the processes still holding the storage: a busy mount
+        // point fails the unmount and refuses the next mount.
+        checks.Check(rerun.exitCode == 0, "the rerun succeeds",
+                     rerun.exitCode == 0
+                         ? std::string()
+                         : DescribeUpdate(rerun) + "processes holding " + device.MountPoint() +
+                               ":\n" + HoldersOf(device.MountPoint()));
         // The mount that the killed host left must be gone before the rerun mounts the storage:
         // a mount over it would put two file systems on one image through two loop devices,
         // each writing its own view of the same blocks.

@@ -11,3 +11,7 @@ std::set<int> OpenDescriptors();
 
 // The path `descriptor` is open on ("/tmp/x/revision", "pipe:[1234]"); empty when it is not open.
 std::string DescriptorPath(int descriptor);
+
+// Every process with a descriptor, working folder or root under `folder`, one line each
+// ("pid 123 (sh): fd 4 -> /mnt/revision"): what keeps a mount point busy. Empty when none.
+std::string HoldersOf(const std::string& folder);

@@ -1,7 +1,9 @@
 // The Linux file handler on the real file system: result codes, copies, and ext4 storage images
 // mounted through loop devices that never outlive their mount.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -14,6 +16,7 @@
 #include <sstream>
 
 #include "ChildProcess.h"
+#include "Descriptors.h"
 #include "InstalledBackend.h"
 #include "LinuxFileHandler.h"
 #include "LoopDevice.h"
@@ -172,6 +175,43 @@ TEST_F(LinuxFileHandlerTest, StreamsWriteReadAndReadLinesAsStdio) {
     EXPECT_EQ(std::string(rest), "rest");
     EXPECT_EQ(IFileHandler::FGets(line, sizeof line, in), nullptr);
     EXPECT_EQ(IFileHandler::FClose(in), 0);
+}
+
+// A command another thread forks while a stream is open must not inherit its descriptor: on a
+// mounted storage the child would keep the mount busy until it exits, failing the next unmount.
+TEST_F(LinuxFileHandlerTest, StreamsOfEveryModeAreClosedOnExec) {
+    for (const char* mode : {"r", "r+", "rb", "a", "a+", "w", "w+", "wb"}) {
+        SCOPED_TRACE(mode);
+        ASSERT_TRUE(m_directory.WriteFile("revision", "R12\n"));
+        FILE* stream = IFileHandler::FOpen(Bytes(Path("revision")), mode);
+        ASSERT_NE(stream, nullptr);
+        const int flags = fcntl(fileno(stream), F_GETFD);
+        EXPECT_EQ(IFileHandler::FClose(stream), 0);
+        ASSERT_GE(flags, 0);
+        EXPECT_NE(flags & FD_CLOEXEC, 0);
+    }
+}
+
+// A command started while a stream is open holds nothing in the stream's folder: only this
+// process does, so a storage the command runs beside can still be unmounted once it closes.
+TEST_F(LinuxFileHandlerTest, ACommandStartedWhileAStreamIsOpenHoldsNoneOfItsFiles) {
+    ASSERT_TRUE(m_directory.WriteFile("revision", "R12\n"));
+    FILE* stream = IFileHandler::FOpen(Bytes(Path("revision")), "r");
+    ASSERT_NE(stream, nullptr);
+    CChildProcess command;
+    const CStatus started = command.Start({"sleep", "30"}, TStartOptions());
+    const std::string holders = HoldersOf(m_directory.Path());
+    const int descriptor = fileno(stream);
+    EXPECT_EQ(IFileHandler::FClose(stream), 0);
+    ASSERT_TRUE(started) << started.Message();
+    command.Signal(SIGKILL);
+    command.WaitToEnd();
+    std::ifstream comm("/proc/self/comm");
+    std::string name;
+    std::getline(comm, name);
+    EXPECT_EQ(holders, "pid " + std::to_string(getpid()) + " (" + name + "): fd " +
+                           std::to_string(descriptor) + " -> " + Path("revision") + "\n");
+    EXPECT_EQ(HoldersOf(m_directory.Path()), "");
 }
 
 TEST_F(LinuxFileHandlerTest, FOpenOfAMissingFileForReadingIsNull) {
