@@ -60,8 +60,9 @@ public:
     bool IsMounted() const;
     std::vector<std::string> AttachedLoopDevices() const;  // "/dev/loop3", ...
     // Waits (bounded) until no loop device is attached to the image; true when none is. The
-    // kernel clears an auto-clear device shortly after its last user has gone.
-    bool AwaitNoLoopDevice(std::chrono::milliseconds timeout = std::chrono::seconds(5)) const;
+    // kernel clears an auto-clear device shortly after its last user has gone; on a loaded machine
+    // that was once seen to take more than five seconds, hence the long bound.
+    bool AwaitNoLoopDevice(std::chrono::milliseconds timeout = std::chrono::seconds(30)) const;
 
 private:
     std::unique_ptr<CTemporaryDirectory> m_ownFolder;  // only for a storage of its own
