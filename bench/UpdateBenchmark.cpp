@@ -1,12 +1,33 @@
 #include "UpdateBenchmark.h"
 
 #include <memory>
+#include <vector>
 
 #include "SimulatedDevice.h"
 
 namespace {
 constexpr double kUpdateTimeoutSeconds = 180;
+// How many of the host's last log records a failed run's message carries: the measured runs
+// log only to the trace, so without them a failure would say no more than its exit status.
+constexpr std::size_t kFailureLogRecords = 12;
+
+std::string LastLogRecords(const std::vector<nlohmann::json>& trace) {
+    std::vector<std::string> lines;
+    for (const nlohmann::json& record : trace) {
+        if (record.value("kind", "") == "log") {
+            lines.push_back(record.value("category", "") + " " + record.value("function", "") +
+                            ": " + record.value("text", ""));
+        }
+    }
+    const std::size_t first =
+        lines.size() > kFailureLogRecords ? lines.size() - kFailureLogRecords : 0;
+    std::string text;
+    for (std::size_t index = first; index < lines.size(); ++index) {
+        text += "\n  " + lines[index];
+    }
+    return text.empty() ? std::string("\n  (no log record in the trace)") : text;
 }
+}  // namespace
 
 std::string DescribeBytes(std::size_t bytes) {
     if (bytes >= (1u << 20) && bytes % (1u << 20) == 0) {
@@ -48,7 +69,8 @@ CStatus CUpdateBenchmark::Measure(const TUpdateScenario& scenario,
         static_cast<void>(ReadWholeFile(device->PathOf("host-output.txt"), output));
         return CStatus::Failure(context + ": the update failed, modemloader-host exit status " +
                                 std::to_string(measurement.host.exitCode) + ", signal " +
-                                std::to_string(measurement.host.signal) + ": " + output);
+                                std::to_string(measurement.host.signal) + ": " + output +
+                                "\nits last log records:" + LastLogRecords(measurement.host.trace));
     }
     std::string flash;
     if (CStatus status = device->ReadFlash(flash); !status) {
