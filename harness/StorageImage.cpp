@@ -79,15 +79,18 @@ CStatus CStorageImage::Make(std::size_t sizeBytes, const std::string& contentFol
 }
 
 CStatus CStorageImage::MakeReadOnlyFileSystem() const {
+    AwaitReleased();
     return Succeeded(RunStorageTool({"tune2fs", "-O", "read-only", m_image}), "tune2fs " + m_image);
 }
 
 CStatus CStorageImage::MakeWritableFileSystem() const {
+    AwaitReleased();
     return Succeeded(RunStorageTool({"tune2fs", "-O", "^read-only", m_image}),
                      "tune2fs " + m_image);
 }
 
 CStatus CStorageImage::RemoveFromImage(const std::string& relativePath) const {
+    AwaitReleased();
     static_cast<void>(RunStorageTool({"debugfs", "-w", "-R", "rm /" + relativePath, m_image}));
     // debugfs reports its own errors only on standard error: look for the file instead.
     const TChildResult found = RunStorageTool({"debugfs", "-R", "stat /" + relativePath, m_image});
@@ -98,6 +101,7 @@ CStatus CStorageImage::RemoveFromImage(const std::string& relativePath) const {
 }
 
 CStatus CStorageImage::MakeFolderOnImage(const std::string& relativePath) const {
+    AwaitReleased();
     static_cast<void>(RunStorageTool({"debugfs", "-w", "-R", "mkdir /" + relativePath, m_image}));
     // debugfs reports its own errors only on standard error: look for the folder instead.
     const std::size_t slash = relativePath.rfind('/');
@@ -112,6 +116,7 @@ CStatus CStorageImage::MakeFolderOnImage(const std::string& relativePath) const 
 }
 
 CStatus CStorageImage::ReadFromImage(const std::string& relativePath, std::string& content) const {
+    AwaitReleased();
     // "stat" succeeds only for an existing inode; "cat" prints nothing for a missing one.
     const TChildResult found = RunStorageTool({"debugfs", "-R", "stat /" + relativePath, m_image});
     if (found.exitCode != 0 || found.out.find("Inode:") == std::string::npos) {
@@ -126,6 +131,7 @@ CStatus CStorageImage::ReadFromImage(const std::string& relativePath, std::strin
 }
 
 std::vector<std::string> CStorageImage::ListImageFolder(const std::string& relativePath) const {
+    AwaitReleased();
     const TChildResult listing =
         RunStorageTool({"debugfs", "-R", "ls -p /" + relativePath, m_image});
     // One entry a line: /inode/mode/uid/gid/name/size/
@@ -151,6 +157,12 @@ bool CStorageImage::IsMounted() const { return IsMountPoint(m_mountPoint); }
 
 std::vector<std::string> CStorageImage::AttachedLoopDevices() const {
     return LoopDevicesBackedBy(m_image);
+}
+
+void CStorageImage::AwaitReleased() const {
+    if (!IsMounted()) {
+        static_cast<void>(AwaitNoLoopDevice());
+    }
 }
 
 bool CStorageImage::AwaitNoLoopDevice(std::chrono::milliseconds timeout) const {

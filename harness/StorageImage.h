@@ -2,7 +2,8 @@
 // The "movinand" storage of a simulated device: an ext4 image made with mkfs.ext4, and an empty
 // folder beside it to mount it on. The image is examined without mounting it (debugfs), and the
 // kernel's state is checked directly: whether the mount point is mounted (/proc/self/mountinfo)
-// and which loop devices are attached to the image (/sys/block/loop*/loop/backing_file).
+// and which loop devices are attached to the image (/sys/block/loop*/loop/backing_file). An
+// image not mounted here is examined only once no loop device holds it (see AwaitReleased).
 //
 // The storage is made in a folder its owner keeps (a simulated device's directory) or in a
 // temporary directory of its own. If something (a test, a killed host) leaves the image mounted,
@@ -60,11 +61,20 @@ public:
     bool IsMounted() const;
     std::vector<std::string> AttachedLoopDevices() const;  // "/dev/loop3", ...
     // Waits (bounded) until no loop device is attached to the image; true when none is. The
-    // kernel clears an auto-clear device shortly after its last user has gone; on a loaded machine
-    // that was once seen to take more than five seconds, hence the long bound.
+    // kernel clears an auto-clear device once the last mount of its file system has gone, and a
+    // private mount namespace made meanwhile holds a copy of that mount for as long as it lives
+    // (seconds, for an update system's install in another test), hence the long bound.
     bool AwaitNoLoopDevice(std::chrono::milliseconds timeout = std::chrono::seconds(30)) const;
 
 private:
+    // A file system reaches its image only when its last mount anywhere has gone. A private
+    // mount namespace made while the storage was mounted (an update system's isolation, in a
+    // test running beside this one) holds a copy of the mount, and with it the auto-clear loop
+    // device and the last writes, after the owner's unmount here. So an image that is not
+    // mounted here is examined or changed once its loop device has gone (bounded: a loop device
+    // a test holds on purpose only delays the call).
+    void AwaitReleased() const;
+
     std::unique_ptr<CTemporaryDirectory> m_ownFolder;  // only for a storage of its own
     std::string m_folder;
     std::string m_image;

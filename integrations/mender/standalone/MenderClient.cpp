@@ -130,11 +130,14 @@ CStatus CMenderClient::Build(const TMenderSetup& setup) {
 
 std::string CMenderClient::ClientScript() const {
     // The client in a mount namespace of its own, where our modules/ and etc/ stand in for the
-    // two folders 3.4 does not let its configuration move; every other path is given here.
+    // two folders 3.4 does not let its configuration move; every other path is given here. The
+    // namespace first lets go of its copies of other storages' mounts, which would keep them
+    // alive after their owners unmount them.
     std::ostringstream script;
     script << "#!/bin/sh\n"
            << "# The Mender client on the simulated device, isolated in " << Directory() << "\n"
            << "exec unshare --mount --propagation private sh -c '\n"
+           << "    \"" << MODEMLOADER_RELEASE_LOOP_MOUNTS << "\" &&\n"
            << "    mount --bind \"$0/modules\" " << kModulesFolder << " &&\n"
            << "    mount --bind \"$0/etc\" " << kConfigFolder << " &&\n"
            << "    exec mender --config \"$0/etc/mender.conf\" --fallback-config "

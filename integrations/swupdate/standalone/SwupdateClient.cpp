@@ -129,14 +129,16 @@ std::string CSwupdateClient::InstallerScript(const TSwupdateSetup& setup) const 
     // which no TMPDIR moves: a network namespace of its own keeps it from the machine's
     // SWUpdate and from another test's (two would share one notifier, and the second to bind
     // exits at once). The mount namespace keeps whatever a handler mounts out of the machine's
-    // view.
+    // view; it first lets go of its copies of other storages' mounts, which would keep them
+    // alive after their owners unmount them.
     const std::string handlers =
         setup.handlerFolder.empty() ? HandlerFolder() : setup.handlerFolder;
     std::ostringstream script;
     script << "#!/bin/sh\n"
            << "# SWUpdate on the simulated device, isolated in " << Directory() << "\n"
            << "folder=" << Quoted(Directory()) << "\n"
-           << "exec unshare --mount --net --propagation private env TMPDIR=\"$folder/t\" \\\n"
+           << "exec unshare --mount --net --propagation private sh -c '\"$0\" && exec \"$@\"' \\\n"
+           << "    " << Quoted(MODEMLOADER_RELEASE_LOOP_MOUNTS) << " env TMPDIR=\"$folder/t\" \\\n"
            << "    LUA_PATH_5_3=" << Quoted(handlers + "/?.lua;;") << " \\\n"
            << "    MODEMLOADER_SWUPDATE_SETTINGS=\"$folder/modem-firmware.conf\" \\\n"
            << "    swupdate -f \"$folder/swupdate.cfg\" -k \"$folder/fleet.crt\" -B none -m -M \\\n"

@@ -1,11 +1,18 @@
 // The harness's own pieces: temporary directories, Await, the boot protocol's bytes and the
-// ext4 storage image that the tests, the demo and the benchmarks stand on.
+// ext4 storage image that the tests, the demo and the benchmarks stand on, also beside another
+// process's private mount namespace (and the release the update systems' isolations run in
+// theirs).
 
 #include <gtest/gtest.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <chrono>
+#include <csignal>
+#include <cstring>
 #include <filesystem>
+#include <fstream>
 
 #include "Await.h"
 #include "ChildProcess.h"
@@ -149,6 +156,99 @@ TEST_F(StorageImageTest, TheReadOnlyFeatureIsSetAndClearedAgain) {
     const CStatus writable = storage.MakeWritableFileSystem();
     ASSERT_TRUE(writable) << writable.Message();
     EXPECT_EQ(features().find(" read-only"), std::string::npos) << features();
+}
+
+// Another process's private mount namespace, made while a storage is mounted here, as an update
+// system's isolation in a test running beside this one makes it: the namespace holds a copy of
+// the mount, and with it the file system, after the unmount here.
+class ForeignNamespaceTest : public StorageImageTest {
+protected:
+    void SetUp() override {
+        StorageImageTest::SetUp();
+        if (IsSkipped() || HasFatalFailure()) {
+            return;
+        }
+        if (!IsInPath("unshare")) {
+            MODEMLOADER_MISSING_PREREQUISITE("unshare is not installed (util-linux)");
+        }
+        ASSERT_TRUE(m_folder.Made());
+        ASSERT_EQ(::mkdir(m_folder.Join("content").c_str(), 0755), 0);
+        ASSERT_TRUE(m_folder.WriteFile("content/revision", "123\n"));
+        ASSERT_TRUE(m_storage.Make(8 << 20, m_folder.Join("content")));
+        // An auto-clear loop device, as the file handler attaches.
+        const TChildResult mounted =
+            CChildProcess::Run({"mount", "-o", "loop", m_storage.Image(), m_storage.MountPoint()});
+        ASSERT_EQ(mounted.exitCode, 0) << Describe(mounted);
+        std::ofstream(m_storage.MountPoint() + "/revision", std::ios::trunc) << "124\n";
+    }
+
+    void TearDown() override {
+        if (m_namespace.IsRunning()) {
+            m_namespace.Signal(SIGKILL);
+            m_namespace.WaitToEnd();
+        }
+    }
+
+    // Runs the shell script `script` ($0: `argument`) in a private mount namespace and returns
+    // once it has written its marker, that is once the namespace holds its copies.
+    void StartNamespace(const std::string& script, const std::string& argument) {
+        const std::string marker = m_folder.Join("namespace-ready");
+        const CStatus started =
+            m_namespace.Start({"unshare", "--mount", "--propagation", "private", "sh", "-c",
+                               script + " && : >\"" + marker + "\" && exec sleep \"$1\"", argument,
+                               std::to_string(NamespaceSeconds())});
+        ASSERT_TRUE(started) << started.Message();
+        ASSERT_TRUE(Await([&] { return std::filesystem::exists(marker); }, 10s))
+            << "the namespace never got ready";
+    }
+
+    virtual int NamespaceSeconds() const { return 4; }
+
+    void UnmountHere() {
+        ASSERT_EQ(::umount2(m_storage.MountPoint().c_str(), 0), 0) << std::strerror(errno);
+        ASSERT_FALSE(m_storage.IsMounted());
+    }
+
+    CTemporaryDirectory m_folder;
+    CStorageImage m_storage{m_folder.Path()};
+    CChildProcess m_namespace;
+};
+
+TEST_F(ForeignNamespaceTest, AnImageUnmountedHereIsReadOnceTheOtherNamespacesCopyHasGone) {
+    StartNamespace(":", "");
+    UnmountHere();
+    // What makes the case: the copy keeps the loop device, and the revision's new bytes are not
+    // in the image yet.
+    ASSERT_FALSE(m_storage.AttachedLoopDevices().empty());
+
+    std::string revision;
+    const CStatus read = m_storage.ReadFromImage("revision", revision);
+    ASSERT_TRUE(read) << read.Message();
+    EXPECT_EQ(revision, "124\n");
+    EXPECT_TRUE(m_storage.AttachedLoopDevices().empty());
+}
+
+class LoopMountReleaseTest : public ForeignNamespaceTest {
+protected:
+    // Long enough that only the release can free the storage within the test.
+    int NamespaceSeconds() const override { return 600; }
+};
+
+TEST_F(LoopMountReleaseTest, ANamespaceThatRunsItLetsGoOfOtherStoragesAtOnce) {
+    StartNamespace("\"$0\"", MODEMLOADER_RELEASE_LOOP_MOUNTS);
+    UnmountHere();
+    EXPECT_TRUE(m_storage.AwaitNoLoopDevice(10s))
+        << "still attached: " << ::testing::PrintToString(m_storage.AttachedLoopDevices());
+    std::string revision;
+    ASSERT_TRUE(m_storage.ReadFromImage("revision", revision));
+    EXPECT_EQ(revision, "124\n");
+    EXPECT_TRUE(m_namespace.IsRunning()) << "the namespace is still there, without the storage";
+}
+
+TEST_F(LoopMountReleaseTest, WithoutItTheNamespaceKeepsTheStorageAttached) {
+    StartNamespace(":", "");
+    UnmountHere();
+    EXPECT_FALSE(m_storage.AwaitNoLoopDevice(2s)) << "the kernel let go of the copy by itself";
 }
 
 }  // namespace
