@@ -204,6 +204,14 @@ protected:
 
     virtual int NamespaceSeconds() const { return 4; }
 
+    // The namespace's script that keeps the copy of this test's storage only: the copies of
+    // other tests' storages go at once, so that this namespace does not hold them.
+    std::string KeepingOnlyThisStorage() const {
+        return "{ awk -v keep=\"" + m_storage.MountPoint() +
+               "\" '$1 ~ /^\\/dev\\/loop/ && $2 != keep { print $2 }' /proc/self/mounts | "
+               "while read -r point; do umount -l \"$point\"; done; }";
+    }
+
     void UnmountHere() {
         ASSERT_EQ(::umount2(m_storage.MountPoint().c_str(), 0), 0) << std::strerror(errno);
         ASSERT_FALSE(m_storage.IsMounted());
@@ -215,7 +223,7 @@ protected:
 };
 
 TEST_F(ForeignNamespaceTest, AnImageUnmountedHereIsReadOnceTheOtherNamespacesCopyHasGone) {
-    StartNamespace(":", "");
+    StartNamespace(KeepingOnlyThisStorage(), "");
     UnmountHere();
     // What makes the case: the copy keeps the loop device, and the revision's new bytes are not
     // in the image yet.
@@ -246,7 +254,7 @@ TEST_F(LoopMountReleaseTest, ANamespaceThatRunsItLetsGoOfOtherStoragesAtOnce) {
 }
 
 TEST_F(LoopMountReleaseTest, WithoutItTheNamespaceKeepsTheStorageAttached) {
-    StartNamespace(":", "");
+    StartNamespace(KeepingOnlyThisStorage(), "");
     UnmountHere();
     EXPECT_FALSE(m_storage.AwaitNoLoopDevice(2s)) << "the kernel let go of the copy by itself";
 }
