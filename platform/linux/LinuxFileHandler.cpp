@@ -283,7 +283,7 @@ FILE* CLinuxFileHandler::FOpen(const unsigned char* path, const char* mode) {
     CStatus opened = CStatus::Ok();
     bool missingForReading = false;
     if (ReplacesContent(modeText) && (!exists || S_ISREG(existing.st_mode))) {
-        file = OpenReplacing(name, modeText.c_str(), opened);
+        file = OpenReplacing(name, modeText.c_str(), exists ? &existing : nullptr, opened);
     } else {
         // Close-on-exec ("e"): another thread of this process may fork a command at any moment,
         // and a child that inherits a descriptor on a mounted storage keeps the storage busy
@@ -309,10 +309,10 @@ FILE* CLinuxFileHandler::FOpen(const unsigned char* path, const char* mode) {
     return file;
 }
 
-FILE* CLinuxFileHandler::OpenReplacing(const std::string& path, const char* mode, CStatus& status) {
+FILE* CLinuxFileHandler::OpenReplacing(const std::string& path, const char* mode,
+                                       const struct stat* existing, CStatus& status) {
     const std::string failure = "opening " + path + " with mode " + mode;
-    struct stat existing;
-    const bool exists = stat(path.c_str(), &existing) == 0;
+    const bool exists = existing != nullptr;
     // fopen refuses a file it may not write; the rename alone would not.
     if (exists && access(path.c_str(), W_OK) != 0) {
         status = ErrnoFailure(failure);
@@ -329,7 +329,7 @@ FILE* CLinuxFileHandler::OpenReplacing(const std::string& path, const char* mode
         return nullptr;
     }
     FILE* file = nullptr;
-    if (exists && fchmod(descriptor.Get(), existing.st_mode & 07777) != 0) {
+    if (exists && fchmod(descriptor.Get(), existing->st_mode & 07777) != 0) {
         status = ErrnoFailure(failure);
     } else if (file = fdopen(descriptor.Get(), mode); file == nullptr) {
         status = ErrnoFailure(failure);

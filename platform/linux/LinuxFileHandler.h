@@ -35,6 +35,8 @@
 // path, FOpen for reading of a missing file, RemoveFile of a file already gone, Umount of a mount
 // point with nothing mounted. Operations may be called from any thread.
 
+#include <sys/stat.h>
+
 #include <map>
 #include <memory>
 #include <mutex>
@@ -83,7 +85,10 @@ private:
     // The same without the log record, for answers that are not faults: a path asked about that
     // is missing, a mount point with nothing mounted on it.
     int Remember(const CStatus& status, int code = -1);
-    FILE* OpenReplacing(const std::string& path, const char* mode, CStatus& status);
+    // Opens a "w" stream on the partial file beside `path`; `existing` is the regular file at
+    // `path`, null when there is none.
+    FILE* OpenReplacing(const std::string& path, const char* mode, const struct stat* existing,
+                        CStatus& status);
     CStatus CloseWritten(FILE* file);
 
     // A stream opened for writing: what FClose has to make durable.
