@@ -117,11 +117,13 @@ CStatus CCopyBenchmark::CopyWithCp(double& seconds) {
     std::vector<std::string> copy{"cp"};
     copy.insert(copy.end(), m_sources.begin(), m_sources.end());
     copy.push_back(m_targetFolder + "/");
-    // sync(1) with file names fsyncs each of them: cp's copies made durable as CopyFile's are.
+    // sync(1) with file names fsyncs each of them, and the folder for their entries: cp's
+    // copies made durable as CopyFile's are.
     std::vector<std::string> flush{"sync"};
     for (const std::string& source : m_sources) {
         flush.push_back(DestinationOf(source));
     }
+    flush.push_back(m_targetFolder);
     TChildOptions options;
     options.timeout = std::chrono::seconds(300);
     const auto start = std::chrono::steady_clock::now();

@@ -15,24 +15,10 @@ constexpr double kHostTimeoutSeconds = 120;
 TDeviceSettings Settings(uint64_t seed) {
     TDeviceSettings settings;
     settings.seed = seed;
-    settings.firmwareBytes = CSwupdateClient::kFirmwareBytes;
+    settings.firmwareBytes = CIntegrationOverhead::FirmwareBytes();
     return settings;
 }
 
-CStatus ExpectFlashed(const CSimulatedDevice& device, const std::string& context) {
-    std::string flash;
-    if (CStatus status = device.ReadFlash(flash); !status) {
-        return status.WithContext(context);
-    }
-    if (flash != device.Firmware()) {
-        return CStatus::Failure(context + ": the modem's flash does not hold the firmware (" +
-                                std::to_string(flash.size()) + " bytes)");
-    }
-    return CStatus::Ok();
-}
-
-bool ExitedZero(const TChildResult& result) { return result.exitCode == 0; }
-std::string NothingMore() { return std::string(); }
 }  // namespace
 
 CStatus CIntegrationOverhead::HostRunAndDevice(uint64_t seed, TOverheadMeasurement& measurement,
@@ -53,7 +39,7 @@ CStatus CIntegrationOverhead::HostRunAndDevice(uint64_t seed, TOverheadMeasureme
                                 ": " + result.err);
     }
     measurement.hostSeconds = result.seconds;
-    if (CStatus status = ExpectFlashed(*hostDevice, context); !status) {
+    if (CStatus status = hostDevice->CheckFlashHoldsFirmware().WithContext(context); !status) {
         return status;
     }
     return CSimulatedDevice::Create(Settings(seed), device);
@@ -61,9 +47,8 @@ CStatus CIntegrationOverhead::HostRunAndDevice(uint64_t seed, TOverheadMeasureme
 
 CStatus CIntegrationOverhead::TimeInstall(CSimulatedDevice& device, const std::string& context,
                                           const std::function<TChildResult()>& install,
-                                          const std::function<bool(const TChildResult&)>& succeeded,
-                                          const std::function<std::string()>& log,
-                                          TOverheadMeasurement& measurement) {
+                                          TOverheadMeasurement& measurement,
+                                          const std::function<std::string()>& log) {
     const auto start = std::chrono::steady_clock::now();
     const TChildResult installed = install();
     measurement.installSeconds =
@@ -72,11 +57,13 @@ CStatus CIntegrationOverhead::TimeInstall(CSimulatedDevice& device, const std::s
     if (CStatus status = device.StopModem(summary); !status) {
         return status.WithContext(context);
     }
-    if (!succeeded(installed)) {
-        return CStatus::Failure(context + ": " + Describe(installed) + log());
+    if (installed.exitCode != 0) {
+        return CStatus::Failure(context + ": " + Describe(installed) + (log ? log() : ""));
     }
-    return ExpectFlashed(device, context);
+    return device.CheckFlashHoldsFirmware().WithContext(context);
 }
+
+std::size_t CIntegrationOverhead::FirmwareBytes() { return CSwupdateClient::kFirmwareBytes; }
 
 std::string CIntegrationOverhead::MenderMissing() { return CMenderClient::MissingPrerequisite(); }
 
@@ -119,8 +106,7 @@ CStatus CIntegrationOverhead::MeasureMender(uint64_t seed, TOverheadMeasurement&
         return status.WithContext(context);
     }
     return TimeInstall(
-        *device, context, [&] { return client->Install(artifact); }, ExitedZero, NothingMore,
-        measurement);
+        *device, context, [&] { return client->Install(artifact); }, measurement);
 }
 
 CStatus CIntegrationOverhead::MeasureSwupdate(uint64_t seed, TOverheadMeasurement& measurement) {
@@ -138,8 +124,7 @@ CStatus CIntegrationOverhead::MeasureSwupdate(uint64_t seed, TOverheadMeasuremen
         return status.WithContext(context);
     }
     return TimeInstall(
-        *device, context, [&] { return client->Install(image); }, ExitedZero, NothingMore,
-        measurement);
+        *device, context, [&] { return client->Install(image); }, measurement);
 }
 
 CStatus CIntegrationOverhead::MeasureRauc(uint64_t seed, TOverheadMeasurement& measurement) {
@@ -158,6 +143,6 @@ CStatus CIntegrationOverhead::MeasureRauc(uint64_t seed, TOverheadMeasurement& m
     }
     // The client's whole run: the isolated service's start, the bundle's checks, the hook.
     return TimeInstall(
-        *device, context, [&] { return rauc->Install(bundle); }, ExitedZero,
-        [&] { return "\nservice log:\n" + rauc->ServiceLog(); }, measurement);
+        *device, context, [&] { return rauc->Install(bundle); }, measurement,
+        [&] { return "\nservice log:\n" + rauc->ServiceLog(); });
 }

@@ -72,13 +72,8 @@ CStatus CUpdateBenchmark::Measure(const TUpdateScenario& scenario,
                                 std::to_string(measurement.host.signal) + ": " + output +
                                 "\nits last log records:" + LastLogRecords(measurement.host.trace));
     }
-    std::string flash;
-    if (CStatus status = device->ReadFlash(flash); !status) {
+    if (CStatus status = device->CheckFlashHoldsFirmware(); !status) {
         return status.WithContext(context);
-    }
-    if (flash != device->Firmware()) {
-        return CStatus::Failure(context + ": the modem's flash does not hold the firmware (" +
-                                std::to_string(flash.size()) + " bytes)");
     }
     return CFirmwareTransferReader::Read(device->PathOf("modem-trace.txt"), scenario.firmwareBytes,
                                          kChunkBytes, measurement.transfer)

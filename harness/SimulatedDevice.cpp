@@ -335,6 +335,18 @@ CStatus CSimulatedDevice::ReadFlash(std::string& content) const {
     return ReadWholeFile(FlashFile(), content);
 }
 
+CStatus CSimulatedDevice::CheckFlashHoldsFirmware() const {
+    std::string flash;
+    if (CStatus status = ReadFlash(flash); !status) {
+        return status;
+    }
+    if (flash != m_firmware) {
+        return CStatus::Failure("the modem's flash does not hold the firmware (" +
+                                std::to_string(flash.size()) + " bytes)");
+    }
+    return CStatus::Ok();
+}
+
 CStatus CSimulatedDevice::ReadStorageFile(const std::string& relativePath,
                                           std::string& content) const {
     return m_storage.ReadFromImage(relativePath, content);

@@ -87,6 +87,8 @@ public:
 
     // What the emulated modem's flash holds.
     [[nodiscard]] CStatus ReadFlash(std::string& content) const;
+    // Ok when the modem's flash holds the firmware byte for byte; otherwise says what it holds.
+    [[nodiscard]] CStatus CheckFlashHoldsFirmware() const;
     // A file of the storage, read from the unmounted image (debugfs); fails when it is absent.
     [[nodiscard]] CStatus ReadStorageFile(const std::string& relativePath,
                                           std::string& content) const;

@@ -14,6 +14,8 @@ constexpr std::size_t kSuperBytes = 8 + 8 + 8 + 4;
 constexpr std::size_t kHeaderBytes = 4 * 8;
 // Copies in slices of this size, so that a large write does not need its size in memory.
 constexpr std::size_t kCopySlice = 1u << 20;
+// The largest sector size taken: the kernel's logical blocks are 512 bytes to a few KiB.
+constexpr uint32_t kLargestSectorBytes = 64u << 10;
 
 // The little-endian number in the `count` bytes at `bytes` (no byte past them is read).
 uint64_t LittleEndian(const unsigned char* bytes, int count) {
@@ -59,7 +61,9 @@ CStatus WriteExactly(int descriptor, const void* from, std::size_t count, uint64
             continue;
         }
         if (put <= 0) {
-            return CStatus::Failure(what + ": " + std::strerror(errno));
+            return CStatus::Failure(
+                what + ": " +
+                (put == 0 ? std::string("nothing written") : std::string(std::strerror(errno))));
         }
         done += static_cast<std::size_t>(put);
     }
@@ -90,7 +94,6 @@ std::string TWriteLogEntry::Kind() const {
 }
 
 CStatus CWriteLog::Open(const std::string& path) {
-    m_path = path;
     m_entries.clear();
     m_log.Reset(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
     if (!m_log.IsValid()) {
@@ -106,9 +109,15 @@ CStatus CWriteLog::Open(const std::string& path) {
     }
     const uint64_t count = Little64(super + 16);
     m_sectorSize = Little32(super + 24);
-    if (m_sectorSize < kHeaderBytes || (m_sectorSize & (m_sectorSize - 1)) != 0) {
+    if (m_sectorSize < kHeaderBytes || m_sectorSize > kLargestSectorBytes ||
+        (m_sectorSize & (m_sectorSize - 1)) != 0) {
         return CStatus::Failure(path + ": sector size " + std::to_string(m_sectorSize));
     }
+    struct stat logStat {};
+    if (::fstat(m_log.Get(), &logStat) != 0) {
+        return CStatus::Failure("measuring the write log " + path + ": " + std::strerror(errno));
+    }
+    const uint64_t logBytes = static_cast<uint64_t>(logStat.st_size);
     std::vector<unsigned char> block(m_sectorSize);
     uint64_t offset = m_sectorSize;
     for (uint64_t index = 0; index < count; ++index) {
@@ -133,14 +142,14 @@ CStatus CWriteLog::Open(const std::string& path) {
                               dataLength);
             entry.mark.resize(std::strlen(entry.mark.c_str()));
         } else if (!(entry.flags & writelog::kDiscard)) {
+            // Compared by division, so that a damaged count cannot wrap the offset around.
+            if (offset > logBytes || entry.sectors > (logBytes - offset) / m_sectorSize) {
+                return CStatus::Failure(path + ": " + what + ": its data is cut short");
+            }
             entry.dataOffset = offset;
             offset += entry.sectors * m_sectorSize;
         }
         m_entries.push_back(std::move(entry));
-    }
-    struct stat status {};
-    if (::fstat(m_log.Get(), &status) != 0 || static_cast<uint64_t>(status.st_size) < offset) {
-        return CStatus::Failure(path + ": the last entry's data is cut short");
     }
     return CStatus::Ok();
 }
@@ -152,9 +161,13 @@ CStatus CWriteLog::Replay(uint64_t first, uint64_t last, const std::string& imag
                                 std::to_string(m_entries.size()));
     }
     CUniqueFd target(::open(image.c_str(), O_WRONLY | O_CLOEXEC));
-    if (!target.IsValid()) {
+    struct stat imageStat {};
+    if (!target.IsValid() || ::fstat(target.Get(), &imageStat) != 0) {
         return CStatus::Failure("opening " + image + ": " + std::strerror(errno));
     }
+    // The image is as large as the recorded device: a write beyond it would grow the file
+    // instead of reporting a log of another device.
+    const uint64_t imageSectors = static_cast<uint64_t>(imageStat.st_size) / m_sectorSize;
     std::vector<unsigned char> slice;
     for (uint64_t index = first; index < last; ++index) {
         const TWriteLogEntry& entry = m_entries[index];
@@ -163,6 +176,11 @@ CStatus CWriteLog::Replay(uint64_t first, uint64_t last, const std::string& imag
             continue;
         }
         const std::string what = image + ": entry " + std::to_string(index);
+        if (entry.sector > imageSectors || entry.sectors > imageSectors - entry.sector) {
+            return CStatus::Failure(what + ": sectors " + std::to_string(entry.sector) + " to " +
+                                    std::to_string(entry.sector + entry.sectors) +
+                                    " lie beyond the image's " + std::to_string(imageSectors));
+        }
         uint64_t remaining = entry.sectors * m_sectorSize;
         uint64_t from = entry.dataOffset;
         uint64_t to = entry.sector * m_sectorSize;

@@ -60,7 +60,6 @@ public:
     [[nodiscard]] CStatus Replay(uint64_t first, uint64_t last, const std::string& image) const;
 
 private:
-    std::string m_path;
     CUniqueFd m_log;
     uint32_t m_sectorSize = 0;
     std::vector<TWriteLogEntry> m_entries;

@@ -70,7 +70,8 @@ int main(int argc, char** argv) {
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
-        return app.exit(error);
+        // --help answers 0; every other parse error is a usage error, 2, as the footer says.
+        return app.exit(error) == 0 ? 0 : 2;
     }
 
     CWriteLog log;

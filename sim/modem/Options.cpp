@@ -83,9 +83,9 @@ struct TGrammar {
         number("--baud", raw.baud, nullptr,
                "pace the line at N baud, 10 bits a byte (default: unpaced)");
         app.add_flag("--nonvolatile-flash", options.nonVolatileFlash,
-                     "keep the --flash-out file across starts and write it synchronously (a "
-                     "write erases its range first): what the modem acknowledged survives a "
-                     "power cut");
+                     "keep the --flash-out file across starts and write it synchronously, in "
+                     "place from its start (no erase first): what the modem acknowledged "
+                     "survives a power cut");
         app.add_flag("--initially-on", options.initiallyOn,
                      "start switched on, running the normal firmware");
         number("--power-on-ms", raw.powerOn, &options.powerOn,

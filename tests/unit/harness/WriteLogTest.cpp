@@ -147,6 +147,20 @@ TEST_F(WriteLogTest, ReadsOnlyTheEntriesTheSuperCounts) {
     EXPECT_EQ(beyond.Message(), "replaying entries 0 to 4 of a log of 3");
 }
 
+// A log of another, larger device: its writes would grow the image instead of changing it.
+TEST_F(WriteLogTest, RefusesToWriteBeyondTheImage) {
+    ASSERT_TRUE(m_directory.WriteFile("log.img", m_builder.Log()));
+    CWriteLog log;
+    ASSERT_TRUE(log.Open(m_directory.Join("log.img")));
+    const std::string small = m_directory.Join("small.img");
+    ASSERT_TRUE(m_directory.WriteFile("small.img", Filled('.', 2)));
+    EXPECT_EQ(log.Replay(0, 2, small).Message(),
+              small + ": entry 1: sectors 2 to 4 lie beyond the image's 2");
+    std::string content;
+    ASSERT_TRUE(ReadWholeFile(small, content));
+    EXPECT_EQ(content, Filled('.', 2));
+}
+
 TEST_F(WriteLogTest, RefusesWhatIsNotALogOrIsCutShort) {
     CWriteLog log;
     ASSERT_TRUE(m_directory.WriteFile("zeros.img", Filled('\0', 4)));
@@ -158,7 +172,7 @@ TEST_F(WriteLogTest, RefusesWhatIsNotALogOrIsCutShort) {
     shortLog.resize(shortLog.size() - 2 * kSector);
     ASSERT_TRUE(m_directory.WriteFile("short.img", shortLog));
     EXPECT_EQ(log.Open(m_directory.Join("short.img")).Message(),
-              m_directory.Join("short.img") + ": the last entry's data is cut short");
+              m_directory.Join("short.img") + ": entry 5: its data is cut short");
     EXPECT_EQ(
         log.Open(m_directory.Join("absent.img")).Message(),
         "opening the write log " + m_directory.Join("absent.img") + ": No such file or directory");
