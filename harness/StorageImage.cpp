@@ -79,18 +79,24 @@ CStatus CStorageImage::Make(std::size_t sizeBytes, const std::string& contentFol
 }
 
 CStatus CStorageImage::MakeReadOnlyFileSystem() const {
-    AwaitReleased();
+    if (CStatus released = AwaitReleased(); !released) {
+        return released;
+    }
     return Succeeded(RunStorageTool({"tune2fs", "-O", "read-only", m_image}), "tune2fs " + m_image);
 }
 
 CStatus CStorageImage::MakeWritableFileSystem() const {
-    AwaitReleased();
+    if (CStatus released = AwaitReleased(); !released) {
+        return released;
+    }
     return Succeeded(RunStorageTool({"tune2fs", "-O", "^read-only", m_image}),
                      "tune2fs " + m_image);
 }
 
 CStatus CStorageImage::RemoveFromImage(const std::string& relativePath) const {
-    AwaitReleased();
+    if (CStatus released = AwaitReleased(); !released) {
+        return released;
+    }
     static_cast<void>(RunStorageTool({"debugfs", "-w", "-R", "rm /" + relativePath, m_image}));
     // debugfs reports its own errors only on standard error: look for the file instead.
     const TChildResult found = RunStorageTool({"debugfs", "-R", "stat /" + relativePath, m_image});
@@ -101,7 +107,9 @@ CStatus CStorageImage::RemoveFromImage(const std::string& relativePath) const {
 }
 
 CStatus CStorageImage::MakeFolderOnImage(const std::string& relativePath) const {
-    AwaitReleased();
+    if (CStatus released = AwaitReleased(); !released) {
+        return released;
+    }
     static_cast<void>(RunStorageTool({"debugfs", "-w", "-R", "mkdir /" + relativePath, m_image}));
     // debugfs reports its own errors only on standard error: look for the folder instead.
     const std::size_t slash = relativePath.rfind('/');
@@ -116,7 +124,9 @@ CStatus CStorageImage::MakeFolderOnImage(const std::string& relativePath) const 
 }
 
 CStatus CStorageImage::ReadFromImage(const std::string& relativePath, std::string& content) const {
-    AwaitReleased();
+    if (CStatus released = AwaitReleased(); !released) {
+        return released;
+    }
     // "stat" succeeds only for an existing inode; "cat" prints nothing for a missing one.
     const TChildResult found = RunStorageTool({"debugfs", "-R", "stat /" + relativePath, m_image});
     if (found.exitCode != 0 || found.out.find("Inode:") == std::string::npos) {
@@ -131,7 +141,8 @@ CStatus CStorageImage::ReadFromImage(const std::string& relativePath, std::strin
 }
 
 std::vector<std::string> CStorageImage::ListImageFolder(const std::string& relativePath) const {
-    AwaitReleased();
+    // A listing has no failure to return: an image still held is listed as it is.
+    static_cast<void>(AwaitReleased());
     const TChildResult listing =
         RunStorageTool({"debugfs", "-R", "ls -p /" + relativePath, m_image});
     // One entry a line: /inode/mode/uid/gid/name/size/
@@ -159,10 +170,16 @@ std::vector<std::string> CStorageImage::AttachedLoopDevices() const {
     return LoopDevicesBackedBy(m_image);
 }
 
-void CStorageImage::AwaitReleased() const {
-    if (!IsMounted()) {
-        static_cast<void>(AwaitNoLoopDevice());
+CStatus CStorageImage::AwaitReleased() const {
+    if (IsMounted() || AwaitNoLoopDevice()) {
+        return CStatus::Ok();
     }
+    std::string devices;
+    for (const std::string& device : AttachedLoopDevices()) {
+        devices += (devices.empty() ? "" : ", ") + device;
+    }
+    return CStatus::Failure(m_image + " is still held by " + devices +
+                            ": its file system may not have reached the image yet");
 }
 
 bool CStorageImage::AwaitNoLoopDevice(std::chrono::milliseconds timeout) const {

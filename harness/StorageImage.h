@@ -71,9 +71,9 @@ private:
     // mount namespace made while the storage was mounted (an update system's isolation, in a
     // test running beside this one) holds a copy of the mount, and with it the auto-clear loop
     // device and the last writes, after the owner's unmount here. So an image that is not
-    // mounted here is examined or changed once its loop device has gone (bounded: a loop device
-    // a test holds on purpose only delays the call).
-    void AwaitReleased() const;
+    // mounted here is examined or changed once its loop device has gone; a failure names the
+    // devices still attached after the wait.
+    [[nodiscard]] CStatus AwaitReleased() const;
 
     std::unique_ptr<CTemporaryDirectory> m_ownFolder;  // only for a storage of its own
     std::string m_folder;
