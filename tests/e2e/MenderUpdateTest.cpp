@@ -100,10 +100,8 @@ protected:
     }
 
     void ExpectFlashed() const {
-        std::string flash;
-        ASSERT_TRUE(m_device->ReadFlash(flash).IsOk());
-        EXPECT_TRUE(flash == m_device->Firmware())
-            << "flash " << flash.size() << " bytes, firmware " << m_device->Firmware().size();
+        const CStatus flashed = m_device->CheckFlashHoldsFirmware();
+        EXPECT_TRUE(flashed) << flashed.Message();
         EXPECT_EQ(StorageFile("revision"), kWrittenRevision);
         EXPECT_EQ(InstalledArtifact(), kNewArtifact);
     }

@@ -142,14 +142,6 @@ private:
     std::thread m_thread;
 };
 
-// How SWUpdate ended, for a failure's message.
-std::string ExitOf(const TChildResult& install) {
-    return "\n(swupdate: " +
-           (install.signal != 0 ? "killed by signal " + std::to_string(install.signal)
-                                : "exit code " + std::to_string(install.exitCode)) +
-           ")";
-}
-
 }  // namespace
 
 class SwupdateUpdateTest : public EndToEndTest {
@@ -223,18 +215,15 @@ TEST_F(SwupdateUpdateTest, InstallWritesTheUpdateFilesFlashesTheModemAndRecordsT
     Install(image);
     ASSERT_FALSE(HasFatalFailure());
 
-    EXPECT_EQ(m_install.exitCode, 0) << m_output << ExitOf(m_install);
-    EXPECT_TRUE(Printed("modem-firmware: installing revision 124"))
-        << m_output << ExitOf(m_install);
-    EXPECT_TRUE(Printed("modem-firmware: revision 124 installed")) << m_output << ExitOf(m_install);
+    EXPECT_EQ(m_install.exitCode, 0) << ::Describe(m_install);
+    EXPECT_TRUE(Printed("modem-firmware: installing revision 124")) << ::Describe(m_install);
+    EXPECT_TRUE(Printed("modem-firmware: revision 124 installed")) << ::Describe(m_install);
     ExpectSummary({{"power_ups", 1},
                    {"loader_ok", true},
                    {"bytes_flashed", m_device->Firmware().size()},
                    {"write_complete", true}});
-    std::string flash;
-    ASSERT_TRUE(m_device->ReadFlash(flash).IsOk());
-    EXPECT_TRUE(flash == m_device->Firmware())
-        << "flash " << flash.size() << " bytes, firmware " << m_device->Firmware().size();
+    const CStatus flashed = m_device->CheckFlashHoldsFirmware();
+    EXPECT_TRUE(flashed) << flashed.Message();
     EXPECT_EQ(StorageFile("revision"), kWrittenRevision);
     // "removable" is 1: the host removed the update files after the flash.
     EXPECT_TRUE(SourcesGone());
@@ -252,8 +241,8 @@ TEST_F(SwupdateUpdateTest, ModemAlreadyUpToDateInstallsWithoutSwitchingTheModemO
     Install(MakeImage());
     ASSERT_FALSE(HasFatalFailure());
 
-    EXPECT_EQ(m_install.exitCode, 0) << m_output << ExitOf(m_install);
-    EXPECT_TRUE(HasHostLine(m_output, "Modem already up to date")) << m_output << ExitOf(m_install);
+    EXPECT_EQ(m_install.exitCode, 0) << ::Describe(m_install);
+    EXPECT_TRUE(HasHostLine(m_output, "Modem already up to date")) << ::Describe(m_install);
     ExpectSummary({{"power_ups", 0}, {"loader_bytes", 0}, {"bytes_flashed", 0}});
     EXPECT_EQ(StorageFile("revision"), kWrittenRevision);
 }
@@ -267,18 +256,18 @@ TEST_F(SwupdateUpdateTest, HostFailureFailsTheInstallAndKeepsRevisionAndUpdateFi
     Install(MakeImage());
     ASSERT_FALSE(HasFatalFailure());
 
-    EXPECT_EQ(m_install.exitCode, 1) << m_output << ExitOf(m_install);
-    EXPECT_TRUE(Printed("SWUPDATE failed")) << m_output << ExitOf(m_install);
+    EXPECT_EQ(m_install.exitCode, 1) << ::Describe(m_install);
+    EXPECT_TRUE(Printed("SWUPDATE failed")) << ::Describe(m_install);
     EXPECT_TRUE(HasHostLine(m_output, "Error Write: firmware checksum error"))
-        << m_output << ExitOf(m_install);
+        << ::Describe(m_install);
     EXPECT_TRUE(
         Printed("modem-update: modemloader-host exited with status 1; revision 124 not "
                 "installed"))
-        << m_output << ExitOf(m_install);
+        << ::Describe(m_install);
     EXPECT_TRUE(
         Printed("modem-firmware: revision 124 not installed (modem-update exited with "
                 "status 1)"))
-        << m_output << ExitOf(m_install);
+        << ::Describe(m_install);
     ExpectSummary({{"power_ups", 1}, {"write_complete", true}});
     EXPECT_EQ(StorageFile("revision"), "100");
     EXPECT_TRUE(SourcesPresent());
@@ -303,7 +292,7 @@ TEST_F(SwupdateUpdateTest, ProgressRisesToOneHundredWhileTheModemIsWritten) {
     ASSERT_FALSE(HasFatalFailure());
     listener.Stop();
 
-    EXPECT_EQ(m_install.exitCode, 0) << m_output << ExitOf(m_install);
+    EXPECT_EQ(m_install.exitCode, 0) << ::Describe(m_install);
     ASSERT_TRUE(listener.Connected());
     // The step in which the handler runs the host: every percentage there is the modem's.
     std::vector<TProgressSeen> update;
@@ -330,9 +319,8 @@ TEST_F(SwupdateUpdateTest, ProgressRisesToOneHundredWhileTheModemIsWritten) {
     EXPECT_EQ(update.back().percent, 100u) << seenText.str();
     // Percentages between 0 and 100 arrived while the modem held part of the firmware.
     EXPECT_GE(whileWriting, 1u) << seenText.str();
-    std::string flash;
-    ASSERT_TRUE(m_device->ReadFlash(flash).IsOk());
-    EXPECT_TRUE(flash == m_device->Firmware());
+    const CStatus flashed = m_device->CheckFlashHoldsFirmware();
+    EXPECT_TRUE(flashed) << flashed.Message();
 }
 
 // Images SWUpdate must refuse before the handler runs: the modem is never switched on and the
@@ -365,10 +353,10 @@ TEST_P(SwupdateRefusalTest, RefusedBeforeTheHandlerRuns) {
     Install(image);
     ASSERT_FALSE(HasFatalFailure());
 
-    EXPECT_EQ(m_install.exitCode, 1) << m_output << ExitOf(m_install);
-    EXPECT_TRUE(Printed("SWUPDATE failed")) << m_output << ExitOf(m_install);
-    EXPECT_TRUE(Printed(GetParam().reason)) << m_output << ExitOf(m_install);
-    EXPECT_FALSE(Printed("modem-firmware: installing")) << m_output << ExitOf(m_install);
+    EXPECT_EQ(m_install.exitCode, 1) << ::Describe(m_install);
+    EXPECT_TRUE(Printed("SWUPDATE failed")) << ::Describe(m_install);
+    EXPECT_TRUE(Printed(GetParam().reason)) << ::Describe(m_install);
+    EXPECT_FALSE(Printed("modem-firmware: installing")) << ::Describe(m_install);
     ExpectUntouched();
 }
 

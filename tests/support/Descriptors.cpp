@@ -24,13 +24,6 @@ std::set<int> OpenDescriptors() {
     return descriptors;
 }
 
-std::string DescriptorPath(int descriptor) {
-    char target[PATH_MAX] = {};
-    const std::string link = "/proc/self/fd/" + std::to_string(descriptor);
-    const ssize_t length = readlink(link.c_str(), target, sizeof target - 1);
-    return length < 0 ? std::string() : std::string(target, static_cast<std::size_t>(length));
-}
-
 namespace {
 
 std::string LinkTarget(const std::string& link) {
@@ -53,6 +46,10 @@ std::string CommandOf(const std::string& process) {
 }
 
 }  // namespace
+
+std::string DescriptorPath(int descriptor) {
+    return LinkTarget("/proc/self/fd/" + std::to_string(descriptor));
+}
 
 std::string HoldersOf(const std::string& folder) {
     std::string holders;

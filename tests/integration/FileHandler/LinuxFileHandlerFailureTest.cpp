@@ -791,7 +791,8 @@ TEST_P(LinuxFileHandlerCarriesOnTest, CopiesEveryByteWithoutARecord) {
     ExpectNothingLeft();
 }
 
-// The in-kernel copy failing with `error` at its first call: copied by read and write instead.
+// The in-kernel copy failing with `error` at its first call: copied by read and write instead,
+// or, for EINTR, by the same call made again.
 std::function<void(TTest&, const std::string&, const std::string&)> NoInKernelCopy(int error) {
     return [error](TTest& test, const std::string& source, const std::string&) {
         test.m_fault.Fail("copy_file_range", Literal(source), error, 1);
@@ -799,11 +800,7 @@ std::function<void(TTest&, const std::string&, const std::string&)> NoInKernelCo
 }
 
 const TCarriedOnFault kCarriedOnFaults[] = {
-    {"InKernelCopyInterrupted",
-     [](TTest& test, const std::string& source, const std::string&) {
-         test.m_fault.Fail("copy_file_range", Literal(source), EINTR, 1);
-     },
-     1},
+    {"InKernelCopyInterrupted", NoInKernelCopy(EINTR), 1},
     {"FilesOnFileSystemsTheKernelCannotCopyBetween", NoInKernelCopy(EXDEV), 1},
     {"KernelWithoutInKernelCopy", NoInKernelCopy(ENOSYS), 1},
     {"FileSystemWithoutInKernelCopy", NoInKernelCopy(EOPNOTSUPP), 1},

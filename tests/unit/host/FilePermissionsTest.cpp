@@ -11,9 +11,11 @@
 
 #include <atomic>
 #include <cerrno>
+#include <filesystem>
 #include <memory>
 
 #include "FilePermissions.h"
+#include "MountTable.h"
 #include "Prerequisite.h"
 #include "TemporaryDirectory.h"
 #include "TestFiles.h"
@@ -40,11 +42,6 @@ public:
 private:
     const std::string m_path;
 };
-
-std::string Resolved(const std::string& path) {
-    std::unique_ptr<char, decltype(&::free)> resolved(::realpath(path.c_str(), nullptr), &::free);
-    return resolved ? resolved.get() : path;
-}
 
 std::string UserName(uid_t user) {
     const passwd* entry = ::getpwuid(user);
@@ -157,6 +154,13 @@ TEST_F(FilePermissionsTest, AFileInAFolderThatIsNotThereEitherIsLeftToItsReader)
 
 TEST_F(FilePermissionsTest, AMissingFileNamedWithoutAFolderIsLookedForInTheWorkingDirectory) {
     const std::string shared = MakeDirectory("shared", 0777);
+    // The working directory is given back, so that the later tests of this executable do not
+    // run in a removed folder.
+    const std::string previous = std::filesystem::current_path();
+    struct TBack {
+        const std::string& folder;
+        ~TBack() { static_cast<void>(::chdir(folder.c_str())); }
+    } back{previous};
     ASSERT_EQ(::chdir(shared.c_str()), 0);
     const CStatus status = Check("absent.ini");
     ASSERT_FALSE(status.IsOk());
@@ -166,8 +170,8 @@ TEST_F(FilePermissionsTest, AMissingFileNamedWithoutAFolderIsLookedForInTheWorki
 }
 
 TEST_F(FilePermissionsTest, AFileOrFolderThatCannotBeExaminedIsRefusedWithTheReason) {
-    const std::string file = Resolved(m_file);
-    const std::string folder = Resolved(m_directory.Path());
+    const std::string file = ResolvedPath(m_file);
+    const std::string folder = ResolvedPath(m_directory.Path());
     CStatus status = CStatus::Ok();
     {
         const CFailingStat failing(file, EIO);

@@ -274,8 +274,12 @@ TEST(ChildProcessBackgroundTest, AChildThatOutlivesItsWaitIsStillThereAndCanBeKi
 }
 
 TEST(ChildProcessBackgroundTest, ASignalToAGroupLeaderReachesItsWholeGroup) {
-    // The shell's own child becomes ours when the shell ends, so that its end can be seen.
+    // The shell's own child becomes ours when the shell ends, so that its end can be seen; the
+    // later tests of this executable get orphans passed on as before.
     ASSERT_EQ(::prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
+    struct TSubreaperOff {
+        ~TSubreaperOff() { ::prctl(PR_SET_CHILD_SUBREAPER, 0); }
+    } subreaperOff;
     CTemporaryDirectory folder;
     ASSERT_TRUE(folder.Made()) << folder.Made().Message();
     CChildProcess child;

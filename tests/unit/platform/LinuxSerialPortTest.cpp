@@ -5,9 +5,11 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <stdlib.h>
+#include <sys/syscall.h>
 #include <termios.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <set>
@@ -15,6 +17,7 @@
 #include <thread>
 #include <vector>
 
+#include "Await.h"
 #include "Descriptors.h"
 #include "InstalledBackend.h"
 #include "LinuxSerialPort.h"
@@ -22,11 +25,23 @@
 #include "LogCapture.h"
 #include "Prerequisite.h"
 #include "PseudoTerminalTest.h"
+#include "TemporaryDirectory.h"
 #include "UniqueFd.h"
 
 namespace {
 
 using namespace std::chrono_literals;
+
+// The state letter of this process's thread `thread` (/proc/self/task/ID/stat): 'S' while it
+// sleeps, in a poll for instance; '?' when it cannot be read.
+char ThreadState(pid_t thread) {
+    std::string stat;
+    if (!ReadWholeFile("/proc/self/task/" + std::to_string(thread) + "/stat", stat)) {
+        return '?';
+    }
+    const std::size_t end = stat.rfind(')');
+    return end != std::string::npos && end + 2 < stat.size() ? stat[end + 2] : '?';
+}
 
 class LinuxSerialPortTest : public CPseudoTerminalTest {
 protected:
@@ -185,12 +200,19 @@ TEST_F(LinuxSerialPortTest, AHangUpWhileAReadWaitsEndsTheReadWithTheLinesError) 
     CLogCapture capture;
     int result = 0;
     uint32_t got = 99;
+    std::atomic<pid_t> readerThread{0};
     std::thread reader([&] {
+        readerThread = static_cast<pid_t>(::syscall(SYS_gettid));
         unsigned char buffer[8];
         result = port->Read(buffer, sizeof buffer, got);
     });
+    // The hang-up comes while the read waits: its thread is asleep in the kernel by then.
+    ASSERT_TRUE(Await([&] { return readerThread != 0 && ThreadState(readerThread) == 'S'; }, 10s))
+        << "the read never waited";
+    const auto hungUp = std::chrono::steady_clock::now();
     m_master.Reset();
     reader.join();
+    EXPECT_LT(std::chrono::steady_clock::now() - hungUp, 10s) << "the read waited for its time-out";
     EXPECT_EQ(result, EIO);
     EXPECT_EQ(got, 0u);
     EXPECT_EQ(capture.Entries(),
