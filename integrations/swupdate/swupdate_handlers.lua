@@ -25,7 +25,10 @@ local kSettings = "/etc/swupdate/modem-firmware.conf"
 local kRunner = "/usr/libexec/modemloader/modem-update"
 local kFileRoles = { bootloader = true, productconfig = true, daemonconfig = true, firmware = true }
 
--- The copies of this install's images so far, by role; emptied when the firmware's call ends.
+-- The copies of this install's images so far, by role; emptied when the update step ends. SWUpdate
+-- keeps this state from one install to the next, and an install stopped before its update step
+-- (another handler failed, the stream was cut) leaves its copies here: a role that arrives while
+-- it is staged already begins another install, whose images must not mix with them.
 local staged = {}
 
 local function Quoted(text)
@@ -134,6 +137,9 @@ local function ModemFirmware(image)
     if not role or not kFileRoles[role] then
         return Fail(image.filename .. ": property \"role\" must be bootloader, productconfig, " ..
                     "daemonconfig, firmware or update, not " .. tostring(role))
+    end
+    if staged[role] then
+        ForgetStaged()
     end
     local copy = swupdate.tmpdir() .. "modem-firmware." .. role
     local error, text = image:copy2file(copy)

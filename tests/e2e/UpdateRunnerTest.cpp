@@ -112,6 +112,29 @@ TEST_F(UpdateRunnerTest, FileForAKeyTheConfigurationDoesNotKnowIsRefused) {
     EXPECT_EQ(StorageFile("revision"), "100");
 }
 
+// A missing second file refuses the update before the first is placed: the device keeps the
+// files it had, not a mix of two updates.
+TEST_F(UpdateRunnerTest, AMissingFileIsRefusedBeforeAnyFileIsPlaced) {
+    MakeDevice(DeliveredUpdateSettings());
+    ASSERT_FALSE(HasFatalFailure());
+    const std::string newLoader = m_files.Join("loader.bin");
+    ASSERT_TRUE(m_files.WriteFile("loader.bin", "a loader of another update"));
+    const std::string missing = m_files.Join("firmware.bin");
+    std::string loaderBefore;
+    ASSERT_TRUE(ReadWholeFile(m_device->LoaderSource(), loaderBefore));
+
+    const TChildResult ran =
+        RunRunner({"--settings", WriteSettings(), "--revision", "124", "--file",
+                   "bootloader=" + newLoader, "--file", "firmware=" + missing});
+
+    EXPECT_EQ(ran.exitCode, 2) << ::Describe(ran);
+    EXPECT_EQ(ran.err, "modem-update: firmware: " + missing + " is not a file\n");
+    std::string loaderAfter;
+    ASSERT_TRUE(ReadWholeFile(m_device->LoaderSource(), loaderAfter));
+    EXPECT_TRUE(loaderAfter == loaderBefore) << "the loader was replaced";
+    EXPECT_EQ(StorageFile("revision"), "100");
+}
+
 TEST_F(UpdateRunnerTest, MissingHostConfigurationIsAConfigurationError) {
     MakeDevice(DeliveredUpdateSettings());
     ASSERT_FALSE(HasFatalFailure());

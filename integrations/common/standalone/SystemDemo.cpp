@@ -11,20 +11,22 @@ constexpr int kExitUsage = 2;
 }  // namespace
 
 std::optional<int> ParseDemoOptions(int argc, char** argv, const std::string& program,
-                                    const char* usage, bool& shell) {
-    shell = false;
+                                    const char* usage, bool* shell) {
+    if (shell != nullptr) {
+        *shell = false;
+    }
     for (int index = 1; index < argc; ++index) {
         const std::string option = argv[index];
         if (option == "--help" || option == "-h") {
             std::fputs(usage, stdout);
             return 0;
         }
-        if (option != "--shell") {
+        if (option != "--shell" || shell == nullptr) {
             std::fprintf(stderr, "%s: unknown option %s\n%s", program.c_str(), option.c_str(),
                          usage);
             return kExitUsage;
         }
-        shell = true;
+        *shell = true;
     }
     return std::nullopt;
 }
@@ -55,7 +57,7 @@ int RunDemoShell(const std::string& program, const std::string& banner,
 }
 
 CStatus MakeDemoDevice(const std::string& systemPrerequisite,
-                       std::unique_ptr<CSimulatedDevice>& device) {
+                       std::unique_ptr<CSimulatedDevice>& device, std::size_t firmwareBytes) {
     for (const std::string& missing :
          {CSimulatedDevice::MissingPrerequisite(), systemPrerequisite}) {
         if (!missing.empty()) {
@@ -65,6 +67,9 @@ CStatus MakeDemoDevice(const std::string& systemPrerequisite,
     TDeviceSettings settings;
     settings.storedRevision = "100";
     settings.revision = "100";
+    if (firmwareBytes != 0) {
+        settings.firmwareBytes = firmwareBytes;
+    }
     return CSimulatedDevice::Create(settings, device);
 }
 

@@ -73,7 +73,7 @@ int Demo(const CSimulatedDevice& device, const CMenderClient& client) {
 
 int main(int argc, char** argv) {
     bool shell = false;
-    if (const std::optional<int> status = ParseDemoOptions(argc, argv, kProgram, kUsage, shell)) {
+    if (const std::optional<int> status = ParseDemoOptions(argc, argv, kProgram, kUsage, &shell)) {
         return *status;
     }
     std::unique_ptr<CSimulatedDevice> device;

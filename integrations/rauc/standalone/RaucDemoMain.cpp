@@ -81,7 +81,7 @@ int Demo(const CSimulatedDevice& device, const CRaucService& rauc) {
 
 int main(int argc, char** argv) {
     bool shell = false;
-    if (const std::optional<int> status = ParseDemoOptions(argc, argv, kProgram, kUsage, shell)) {
+    if (const std::optional<int> status = ParseDemoOptions(argc, argv, kProgram, kUsage, &shell)) {
         return *status;
     }
     std::unique_ptr<CSimulatedDevice> device;

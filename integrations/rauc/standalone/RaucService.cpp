@@ -27,8 +27,6 @@ CStatus RunTool(const std::vector<std::string>& arguments, const std::string& wh
 }
 }  // namespace
 
-std::string CRaucService::HookPath() { return MODEMLOADER_RAUC_SOURCE "/modem-hook"; }
-
 std::string CRaucService::BundleMakerPath() { return MODEMLOADER_RAUC_SOURCE "/modem-raucb"; }
 
 std::string CRaucService::IsolationPath() {

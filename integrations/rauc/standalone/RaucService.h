@@ -44,8 +44,8 @@ public:
     // Empty when RAUC can run here; otherwise why not (root, rauc, mksquashfs, dbus-run-session,
     // gdbus, unshare, openssl).
     static std::string MissingPrerequisite();
-    // The hook, the bundle maker and the isolation script of this source tree.
-    static std::string HookPath();
+    // The bundle maker and the isolation script of this source tree (the maker carries the hook
+    // that lies beside it).
     static std::string BundleMakerPath();
     static std::string IsolationPath();
 

@@ -167,16 +167,10 @@ CStatus CSwupdateClient::MakeImage(const TSwuRequest& request, std::string& imag
                                        request.hardwareRevision,
                                        "--revision",
                                        request.revision,
-                                       "--loader",
-                                       m_device.LoaderSource(),
-                                       "--firmware",
-                                       m_device.FirmwareSource(),
-                                       "--product-config",
-                                       m_device.ProductConfigSource(),
-                                       "--daemon-config",
-                                       m_device.DaemonConfigSource(),
                                        "--output",
                                        image};
+    const std::vector<std::string> files = m_device.UpdateFileOptions();
+    arguments.insert(arguments.end(), files.begin(), files.end());
     if (request.signer.empty()) {
         arguments.push_back("--unsigned");
     } else {

@@ -4,16 +4,15 @@
 
 #include <cstdio>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "SimulatedDevice.h"
 #include "SwupdateClient.h"
+#include "SystemDemo.h"
 
 namespace {
-constexpr int kExitFailed = 1;
-constexpr int kExitUsage = 2;
-
 const char kUsage[] =
     "usage: modemloader-swupdate-demo\n"
     "\n"
@@ -27,18 +26,9 @@ const char kUsage[] =
     "\n"
     "exit status: 0 the install succeeded and every check passed, 1 something failed, 2 usage\n";
 
-int Fail(const std::string& message) {
-    std::fprintf(stderr, "modemloader-swupdate-demo: %s\n", message.c_str());
-    return kExitFailed;
-}
+constexpr char kProgram[] = "modemloader-swupdate-demo";
 
-std::string CommandLine(const std::vector<std::string>& arguments) {
-    std::string line;
-    for (const std::string& argument : arguments) {
-        line += (line.empty() ? "" : " ") + argument;
-    }
-    return line;
-}
+int Fail(const std::string& message) { return DemoFailure(kProgram, message); }
 
 int Demo(const CSimulatedDevice& device, const CSwupdateClient& client) {
     std::string image;
@@ -58,45 +48,21 @@ int Demo(const CSimulatedDevice& device, const CSwupdateClient& client) {
     std::fputs(installed.err.c_str(), stdout);
     std::printf("=== swupdate exited with status %d\n", installed.exitCode);
 
-    std::string flash;
-    std::string revision;
-    const bool flashed = device.ReadFlash(flash).IsOk() && flash == device.Firmware();
-    // The plug-in writes the revision with its terminating NUL.
-    const bool recorded =
-        device.ReadStorageFile("revision", revision).IsOk() && revision == std::string("124\0", 4);
-    std::printf("\n=== checks\nmodem flash equals the firmware (%zu bytes): %s\n",
-                device.Firmware().size(), flashed ? "yes" : "NO");
-    std::printf("storage revision is 124: %s\n", recorded ? "yes" : "NO");
-    const bool passed = installed.exitCode == 0 && flashed && recorded;
+    const bool flashedAndRecorded = ReportFlashAndRevision(device);
+    const bool passed = installed.exitCode == 0 && flashedAndRecorded;
     return passed ? 0 : Fail("the install or a check failed");
 }
 }  // namespace
 
 int main(int argc, char** argv) {
-    for (int index = 1; index < argc; ++index) {
-        const std::string option = argv[index];
-        if (option == "--help" || option == "-h") {
-            std::fputs(kUsage, stdout);
-            return 0;
-        }
-        std::fprintf(stderr, "modemloader-swupdate-demo: unknown option %s\n%s", option.c_str(),
-                     kUsage);
-        return kExitUsage;
+    if (const std::optional<int> status = ParseDemoOptions(argc, argv, kProgram, kUsage, nullptr)) {
+        return *status;
     }
-    for (const std::string& missing :
-         {CSimulatedDevice::MissingPrerequisite(), CSwupdateClient::MissingPrerequisite()}) {
-        if (!missing.empty()) {
-            return Fail(missing);
-        }
-    }
-    // The device's own configuration offers the revision it has: only the image's revision
-    // makes the host flash.
-    TDeviceSettings settings;
-    settings.firmwareBytes = CSwupdateClient::kFirmwareBytes;
-    settings.storedRevision = "100";
-    settings.revision = "100";
+    // SWUpdate's client needs an image larger than its control socket's buffer (SwupdateClient.h).
     std::unique_ptr<CSimulatedDevice> device;
-    if (CStatus made = CSimulatedDevice::Create(settings, device); !made) {
+    if (CStatus made = MakeDemoDevice(CSwupdateClient::MissingPrerequisite(), device,
+                                      CSwupdateClient::kFirmwareBytes);
+        !made) {
         return Fail(made.Message());
     }
     std::unique_ptr<CSwupdateClient> client;
